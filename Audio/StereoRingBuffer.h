@@ -28,6 +28,8 @@ public:
         int64_t underruns = 0; // underruns plus resyncs since the last snapshot
     };
 
+    // Allocates and clears the ring. Throws std::invalid_argument for a
+    // capacity below one frame or a negative prime or read size.
     StereoRingBuffer(int64_t capacityFrames, int64_t primeFrames, int64_t maxReadFrames);
     StereoRingBuffer(const StereoRingBuffer&) = delete;
     StereoRingBuffer& operator=(const StereoRingBuffer&) = delete;
