@@ -52,6 +52,10 @@ OSStatus SimulatedAudioHardware::enter(Call call)
     if (found == injections.end())
         return kAudioHardwareNoError;
     Injection& injection = found->second;
+    if (injection.skip > 0) {
+        --injection.skip;
+        return kAudioHardwareNoError;
+    }
     const OSStatus status = injection.status;
     if (injection.remaining > 0 && --injection.remaining == 0)
         injections.erase(found);
@@ -154,14 +158,27 @@ void SimulatedAudioHardware::fireListeners(AudioObjectID object, uint32_t select
 
 // --- Fault injection ---------------------------------------------------------
 
-void SimulatedAudioHardware::injectStatus(Call call, OSStatus status, int times)
+void SimulatedAudioHardware::injectStatus(Call call, OSStatus status, int times, int skip)
 {
     std::lock_guard guard(objectsLock);
     if (times == 0) {
         injections.erase(call);
         return;
     }
-    injections[call] = Injection { status, times };
+    injections[call] = Injection { status, times, skip };
+}
+
+void SimulatedAudioHardware::drainListenerQueues()
+{
+    std::vector<std::shared_ptr<SerialQueue>> queues;
+    {
+        std::lock_guard guard(objectsLock);
+        for (const auto& [token, listener] : listeners)
+            if (std::find(queues.begin(), queues.end(), listener.queue) == queues.end())
+                queues.push_back(listener.queue);
+    }
+    for (auto& queue : queues)
+        queue->drain();
 }
 
 void SimulatedAudioHardware::clearInjectedStatuses()

@@ -93,9 +93,10 @@ public:
 
     // --- Fault injection --------------------------------------------------
 
-    // The next `times` calls of `call` return status without doing anything
-    // (times < 0: every call until cleared).
-    void injectStatus(Call call, OSStatus status, int times = -1);
+    // After letting `skip` further calls of `call` through, the next `times`
+    // calls return status without doing anything (times < 0: every call until
+    // cleared).
+    void injectStatus(Call call, OSStatus status, int times = -1, int skip = 0);
     void clearInjectedStatuses();
     // createIOProcID answers 0 but leaves the procedure ID empty.
     void setCreateIOProcLeavesIDEmpty(bool leavesEmpty);
@@ -104,6 +105,10 @@ public:
     bool tapsDeliverSilence() const { return silentTaps.load(); }
 
     int callCount(Call call) const;
+
+    // Waits until every listener job queued so far on the queues of the
+    // registered listeners has run.
+    void drainListenerQueues();
 
     // --- Inspection --------------------------------------------------------
 
@@ -197,6 +202,7 @@ private:
     struct Injection {
         OSStatus status = 0;
         int remaining = 0; // < 0: forever
+        int skip = 0; // calls still let through first
     };
 
     // Counts the call and returns the injected status (0 if none). Caller

@@ -132,6 +132,13 @@ TEST(SimulatedAudioHardware, InjectedStatusesAnswerTheGivenNumberOfCalls)
     EXPECT_EQ(hardware.defaultOutputDevice(device), 0);
     EXPECT_NE(device, 0u);
 
+    // Let one call through, fail the second, then succeed again.
+    hardware.injectStatus(Call::translatePIDToProcessObject, -7, 1, 1);
+    AudioObjectID process = 0;
+    EXPECT_EQ(hardware.translatePIDToProcessObject(1, process), 0);
+    EXPECT_EQ(hardware.translatePIDToProcessObject(1, process), -7);
+    EXPECT_EQ(hardware.translatePIDToProcessObject(1, process), 0);
+
     hardware.setCreateIOProcLeavesIDEmpty(true);
     Recorder recorder;
     AudioDeviceIOProcID proc = 99;
