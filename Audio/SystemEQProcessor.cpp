@@ -6,7 +6,7 @@
 #include "Platform/HostClock.h"
 
 #include <algorithm>
-#include <cerrno>
+#include <cmath>
 #include <cstdlib>
 #include <cstring>
 #include <limits>
