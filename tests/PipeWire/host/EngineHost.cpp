@@ -18,7 +18,8 @@
 #include <cstdio>
 #include <cstdlib>
 #include <iostream>
-#include <poll.h>
+#include <atomic>
+#include <thread>
 #include <sstream>
 #include <string>
 #include <unistd.h>
@@ -72,20 +73,19 @@ int main(int argc, char** argv)
     }
     std::cout << "READY" << std::endl;
 
-    std::string pending;
-    for (;;) {
-        executor.runPending();
-        pollfd input { STDIN_FILENO, POLLIN, 0 };
-        if (::poll(&input, 1, 20) <= 0)
-            continue;
-        char chunk[256];
-        ssize_t got = ::read(STDIN_FILENO, chunk, sizeof chunk);
-        if (got <= 0)
-            break;
-        pending.append(chunk, static_cast<size_t>(got));
-        if (pending.find("stop") != std::string::npos)
-            break;
-    }
+    // A reader thread turns the end of input (or "stop") into a job, so the
+    // main thread sleeps in the executor until there is work: the host itself
+    // must not cost CPU while the engine idles.
+    std::atomic<bool> stopRequested { false };
+    std::thread reader([&] {
+        std::string line;
+        while (std::getline(std::cin, line) && line.find("stop") == std::string::npos) {
+        }
+        executor.post([&] { stopRequested = true; });
+    });
+    while (!stopRequested)
+        executor.runNext(std::chrono::milliseconds(1000));
+    reader.join();
     engine.stop();
     executor.runPending();
     std::cout << "STOPPED" << std::endl;
