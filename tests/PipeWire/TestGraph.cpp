@@ -57,6 +57,7 @@ struct TestGraph::Data {
     std::atomic<int64_t> recorderStart { -1 };
     uint64_t expectedPosition = 0;
     std::atomic<uint64_t> gaps { 0 };
+    std::atomic<uint32_t> cycleFrames { 0 };
 
     struct Lock {
         explicit Lock(pw_thread_loop* l)
@@ -115,6 +116,7 @@ struct TestGraph::Data {
             uint32_t size = std::min(d.chunk->size, d.maxsize - offset);
             uint32_t frames = size / 8;
             uint64_t position = recorder.position->clock.position;
+            cycleFrames.store(frames);
             size_t have = recordedFrames.load();
             if (have == 0) {
                 recorderStart.store(static_cast<int64_t>(position));
@@ -301,6 +303,7 @@ std::optional<uint64_t> TestGraph::recorderStartPosition()
 }
 
 uint64_t TestGraph::recorderGaps() { return data->gaps.load(); }
+uint32_t TestGraph::recorderCycleFrames() { return data->cycleFrames.load(); }
 
 void TestGraph::stopRecorder()
 {

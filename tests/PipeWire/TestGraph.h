@@ -44,6 +44,8 @@ public:
     std::vector<float> recorded();
     std::optional<uint64_t> recorderStartPosition();
     uint64_t recorderGaps();
+    // Frames in the recorder's latest cycle: the graph's current quantum.
+    uint32_t recorderCycleFrames();
     void stopRecorder();
 
     // Graph view.
