@@ -92,8 +92,10 @@ public:
         for (int attempt = 0; attempt < 100; ++attempt) {
             char suffix[16];
             std::snprintf(suffix, sizeof suffix, "%08x", static_cast<unsigned>(entropy()));
+            // Named after the target, so that a file left by a crash says
+            // where it came from; shortened to stay within the name limit.
             std::string name = ".";
-            name.append(target.filename().string()).append(".sorva-").append(suffix).append(".part");
+            name.append(target.filename().string().substr(0, 200)).append(".sorva-").append(suffix).append(".part");
             std::filesystem::path candidate = folder / name;
             // 0666 and the umask: the finished file gets the usual permissions.
             int fd = ::open(candidate.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
@@ -212,14 +214,25 @@ OfflineProcessor::Summary OfflineProcessor::process(const std::filesystem::path&
         throw Error("cannot read " + quoted(input) + " as audio: it has no channels or no sample rate");
 
     // The output: checked before any work, so that a mistake costs nothing.
+    // A symbolic link is written through, as any other program would.
+    std::filesystem::path target = output;
+    std::error_code failure;
+    if (std::filesystem::is_symlink(output, failure) && std::filesystem::exists(output, failure)) {
+        std::filesystem::path resolved = std::filesystem::canonical(output, failure);
+        if (!failure)
+            target = resolved;
+    }
     struct stat outputStatus {};
-    if (::stat(output.c_str(), &outputStatus) == 0) {
+    if (::stat(target.c_str(), &outputStatus) == 0) {
         if (outputStatus.st_dev == inputStatus.st_dev && outputStatus.st_ino == inputStatus.st_ino)
             throw Error("input and output are the same file (" + quoted(output) + ")");
         if (S_ISDIR(outputStatus.st_mode))
             throw Error("cannot write " + quoted(output) + ": it is a folder");
+        // Renaming over a device or a pipe would replace it with a file.
+        if (!S_ISREG(outputStatus.st_mode))
+            throw Error("cannot write " + quoted(output) + ": it is not a regular file");
     }
-    PartialOutput partial(output);
+    PartialOutput partial(target);
 
     // A plain float WAV whenever the data surely fits its 4 GiB limit; past
     // that, or when the length is unknown, RF64, which falls back to a WAV
@@ -272,7 +285,7 @@ OfflineProcessor::Summary OfflineProcessor::process(const std::filesystem::path&
     SNDFILE* finished = sink.release();
     if (sf_close(finished) != 0)
         throw Error("cannot write " + quoted(output) + ": the file could not be completed");
-    partial.commit(output);
+    partial.commit(target);
 
     return { done, channels, static_cast<int64_t>(inputInfo.samplerate) };
 }

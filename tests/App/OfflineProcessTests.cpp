@@ -145,6 +145,7 @@ TEST(OfflineProcess, EveryMistakeGivesOneLineExitStatusTwoAndLeavesNoFileBehind)
     std::filesystem::create_directory(folder / "folder");
     std::filesystem::create_symlink("music.wav", folder / "link.wav");
     std::filesystem::create_hard_link(folder / "music.wav", folder / "hardlink.wav");
+    ASSERT_EQ(::mkfifo((folder / "fifo").c_str(), 0600), 0);
     // An output that already exists must survive a failed run unchanged.
     std::ofstream(folder / "keep.wav") << "precious";
     const std::vector<std::string> before = folder.names();
@@ -161,6 +162,7 @@ TEST(OfflineProcess, EveryMistakeGivesOneLineExitStatusTwoAndLeavesNoFileBehind)
         { "process", "music.wav", "no-such-folder/out.wav" },
         { "process", "music.wav", "notes.txt/out.wav" },
         { "process", "music.wav", "folder" },
+        { "process", "music.wav", "fifo" },
         { "process", "music.wav", "keep.wav", "--preset", "jazz" },
         { "process", "music.wav", "keep.wav", "--preset", "" },
         { "process", "music.wav", "out.wav", "--gains", "1,2,3,4" },
@@ -197,6 +199,7 @@ TEST(OfflineProcess, EveryMistakeGivesOneLineExitStatusTwoAndLeavesNoFileBehind)
     EXPECT_EQ(content, "precious");
     // The same-file checks must not have touched the input.
     EXPECT_EQ(readSound(folder / "music.wav").frames(), 44100);
+    EXPECT_TRUE(std::filesystem::is_fifo(folder / "fifo"));
 }
 
 TEST(OfflineProcess, AnExistingOutputIsReplacedByACompleteFileWithOrdinaryPermissions)
@@ -215,6 +218,14 @@ TEST(OfflineProcess, AnExistingOutputIsReplacedByACompleteFileWithOrdinaryPermis
     ASSERT_EQ(::stat((folder / "out" / "result.wav").c_str(), &status), 0);
     EXPECT_EQ(status.st_mode & 0777, 0644u);
     EXPECT_EQ(std::filesystem::directory_iterator(folder / "out")->path().filename(), "result.wav");
+    EXPECT_EQ(std::distance(std::filesystem::directory_iterator(folder / "out"), {}), 1);
+
+    // Through a symbolic link, the file it points to is replaced; the link stays.
+    std::filesystem::create_symlink("out/result.wav", folder / "latest.wav");
+    const ProgramRun again = runSorva({ "process", "music.wav", "latest.wav" }, folder.path());
+    ASSERT_EQ(again.exitStatus, 0) << again.err;
+    EXPECT_TRUE(std::filesystem::is_symlink(folder / "latest.wav"));
+    expectMatchesReference(folder / "out" / "result.wav", input, { { 0, 0, 0, 0, 0 }, 0.0 });
     EXPECT_EQ(std::distance(std::filesystem::directory_iterator(folder / "out"), {}), 1);
 }
 
