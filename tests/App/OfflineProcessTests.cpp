@@ -12,6 +12,7 @@
 #include <fstream>
 #include <pty.h>
 #include <sstream>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <thread>
@@ -191,6 +192,24 @@ TEST(OfflineProcess, EveryMistakeGivesOneLineExitStatusTwoAndLeavesNoFileBehind)
         EXPECT_EQ(run.err.rfind("sorva: ", 0), 0u) << shown << ": " << run.err;
         EXPECT_EQ(std::count(run.err.begin(), run.err.end(), '\n'), 1) << shown << ": " << run.err;
         EXPECT_EQ(folder.names(), before) << shown;
+    }
+
+    // A disk that fills up halfway: writes beyond 256 KiB fail (a file-size
+    // limit, with its signal ignored so that the write reports EFBIG).
+    {
+        rlimit original {};
+        ::getrlimit(RLIMIT_FSIZE, &original);
+        rlimit small = original;
+        small.rlim_cur = 256 * 1024;
+        auto previous = std::signal(SIGXFSZ, SIG_IGN);
+        ::setrlimit(RLIMIT_FSIZE, &small);
+        const ProgramRun run = runSorva({ "process", "music.wav", "out.wav" }, folder.path());
+        ::setrlimit(RLIMIT_FSIZE, &original);
+        std::signal(SIGXFSZ, previous);
+        EXPECT_EQ(run.exitStatus, 2);
+        EXPECT_EQ(run.err.rfind("sorva: cannot write 'out.wav': ", 0), 0u) << run.err;
+        EXPECT_EQ(std::count(run.err.begin(), run.err.end(), '\n'), 1) << run.err;
+        EXPECT_EQ(folder.names(), before);
     }
 
     std::ifstream kept(folder / "keep.wav");
