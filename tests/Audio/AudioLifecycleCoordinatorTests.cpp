@@ -330,10 +330,10 @@ TEST_F(AudioLifecycleCoordinatorTest, RestartOvertakenBySwitchOffLeavesStoppingF
     std::future<void> off;
     duringStop = [&] { off = coordinator->setUserEnabled(false); };
     settle(coordinator->restart(AudioLifecycleTrigger::configurationChange));
-    EXPECT_EQ(coordinator->currentState(), AudioLifecycleState::stopping);
     settle(std::move(off));
     EXPECT_EQ(takeEvents(), (Events { "stopping", "stop", "stopping", "stop", "inactive" }));
     EXPECT_EQ(startCalls, 1);
+    EXPECT_EQ(log.count("actor: performSetUserEnabled(false) entered, userEnabled=false, state=stopping"), 1u);
 }
 
 TEST_F(AudioLifecycleCoordinatorTest, RecoveryWithAStartThatAlwaysFailsGivesUpAfterThreeAttempts)
@@ -474,6 +474,40 @@ TEST_F(AudioLifecycleCoordinatorTest, SleepDuringARetryDelayEndsTheLoopAfterTheD
     EXPECT_EQ(takeEvents(), (Events { "recovering", "stop", "starting", "start", "running" }));
 }
 
+// A sleep that arrives while a failed attempt is being cleaned up cancels the
+// recovery before it waits out a delay; a wake arriving during a delay does
+// not cancel anything and is ignored once the recovery has succeeded.
+TEST_F(AudioLifecycleCoordinatorTest, OnlyCancellingRequestsCutARecoveryShort)
+{
+    reachRunning();
+    settle(coordinator->sleep());
+    startFails = true;
+    takeEvents();
+    std::future<void> asleep;
+    // The first stop is the recovery's own; the second follows the failed start.
+    duringStop = [&] { duringStop = [&] { asleep = coordinator->sleep(); }; };
+    settle(coordinator->wake());
+    settle(std::move(asleep));
+    EXPECT_TRUE(sleeper.recorded().empty()) << "the cancelled loop still waited";
+    EXPECT_EQ(takeEvents(), (Events { "recovering", "stop", "starting", "start", "stop", "failed", "recovering",
+                                      "stopping", "stop", "sleeping" }));
+
+    sleeper.blocking = true;
+    std::future<void> firstWake = coordinator->wake();
+    ASSERT_TRUE(main.runUntil([&] { return sleeper.recorded().size() == 1; }, 10s));
+    main.runPending();
+    takeEvents();
+    std::future<void> secondWake = coordinator->wake();
+    awaitLog("actor: enqueue called, hasPrevious=true", 5);
+    startFails = false;
+    sleeper.releaseOne();
+    settle(std::move(firstWake));
+    settle(std::move(secondWake));
+    EXPECT_EQ(takeEvents(), (Events { "starting", "start", "running" }));
+    EXPECT_EQ(log.count("actor: performWake recover result=true"), 1u);
+    EXPECT_EQ(log.count("actor: performWake ignored"), 1u);
+}
+
 TEST_F(AudioLifecycleCoordinatorTest, SwitchOffOrOffAndOnDuringARetryDelayCancelsTheRecovery)
 {
     for (bool backOn : { false, true }) {
@@ -515,19 +549,22 @@ TEST_F(AudioLifecycleCoordinatorTest, OnThenOffInQuickSuccessionNeverStartsTheEn
     reachRunning();
     startCalls = 0;
     takeEvents();
-    // The sleep step holds the chain in its stop (the main thread is not run),
-    // so both switch requests reach the coordinator before either step runs.
-    std::future<void> asleep = coordinator->sleep();
+    // A switch-off holds the chain in its stop (the main thread is not run),
+    // so the switch-on and the second switch-off both reach the coordinator
+    // before their steps run.
+    std::future<void> firstOff = coordinator->setUserEnabled(false);
     awaitMainJobs(2); // the stopping publication and the stop
     std::future<void> on = coordinator->setUserEnabled(true);
     std::future<void> off = coordinator->setUserEnabled(false);
     awaitLog("actor: setUserEnabled(false) entered, state=stopping");
-    settle(std::move(asleep));
+    settle(std::move(firstOff));
     settle(std::move(on));
     settle(std::move(off));
-    EXPECT_EQ(takeEvents(), (Events { "stopping", "stop", "sleeping", "stopping", "stop", "inactive" }));
+    // The second switch-off finds the engine already off and republishes.
+    EXPECT_EQ(takeEvents(), (Events { "stopping", "stop", "inactive", "inactive" }));
     EXPECT_EQ(startCalls, 0);
-    EXPECT_EQ(log.count("actor: performSetUserEnabled(true) entered, userEnabled=false, state=sleeping"), 1u);
+    EXPECT_EQ(log.count("actor: performSetUserEnabled(true) entered, userEnabled=false, state=inactive"), 1u);
+    EXPECT_EQ(log.count("actor: startOnce entered"), 1u) << "only the first switch-on may try to start";
 }
 
 TEST_F(AudioLifecycleCoordinatorTest, LogsEachRequestWithTheExactLines)
