@@ -334,8 +334,20 @@ TEST(OfflineProcess, AnInterruptedRunLeavesNeitherOutputNorTemporaryFile)
                 static_cast<char*>(nullptr));
         ::_exit(98);
     }
-    const int writer = ::open(pipePath.c_str(), O_WRONLY);
+    // Non-blocking until the program has the pipe open for reading, so that a
+    // program that never opens it fails the test instead of hanging it.
+    int writer = -1;
+    for (int attempt = 0; attempt < 2000 && writer < 0; ++attempt) {
+        writer = ::open(pipePath.c_str(), O_WRONLY | O_NONBLOCK);
+        if (writer < 0)
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    if (writer < 0) {
+        ::kill(child, SIGKILL);
+        ::waitpid(child, nullptr, 0);
+    }
     ASSERT_GE(writer, 0);
+    ::fcntl(writer, F_SETFL, ::fcntl(writer, F_GETFL) & ~O_NONBLOCK);
     ASSERT_EQ(::write(writer, firstSecond.data(), firstSecond.size()), static_cast<ssize_t>(firstSecond.size()));
 
     // Wait (briefly, in small steps) until the partial output exists.
