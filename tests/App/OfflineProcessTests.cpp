@@ -179,7 +179,7 @@ TEST(OfflineProcess, EveryMistakeGivesOneLineExitStatusTwoAndLeavesNoFileBehind)
         { "process", "music.wav" },
         { "process", "music.wav", "out.wav", "extra.wav" },
         { "process" },
-        { "--simulate" },
+        { "--no-such-option" },
         { "equalize", "music.wav", "out.wav" },
     };
     for (const auto& arguments : mistakes) {
