@@ -2,6 +2,8 @@
 #include "Audio/EQLog.h"
 #include "Platform/ManualMainExecutor.h"
 
+#include "AllocationCounter.h"
+
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -334,4 +336,16 @@ TEST_F(DiagnosticRecorderTest, CapturesWhileTheAudioThreadPushesSeeWholeConsecut
             }
         }
     }
+}
+
+TEST_F(DiagnosticRecorderTest, PushAllocatesNothingAndLogsNothing)
+{
+    DiagnosticRecorder recorder(1, 2, 48000, mainExecutor);
+    const std::vector<float> raw(16384, 0.5f), processed(16384, -0.5f);
+    EXPECT_EQ(test::allocationsDuring([&] {
+                  for (int i = 0; i < 10; ++i) // wraps the one-second ring
+                      recorder.push(raw.data(), processed.data(), 8192);
+              }),
+              0u);
+    EXPECT_TRUE(loggedLines().empty());
 }
