@@ -9,6 +9,7 @@
 #include <atomic>
 #include <bit>
 #include <chrono>
+#include <cmath>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
@@ -203,6 +204,8 @@ TEST_F(DiagnosticRecorderTest, CapturesOnlyTheAudioPushedSoFar)
               "Event: mono\nTime: 2026-03-14 09:26:54 +0000\nCaptured: 1.0 s (22050 frames)\nx");
 
     EXPECT_THROW(DiagnosticRecorder(0, 2, 48000, mainExecutor), std::invalid_argument);
+    EXPECT_THROW(DiagnosticRecorder(std::nan(""), 2, 48000, mainExecutor), std::invalid_argument);
+    EXPECT_THROW(DiagnosticRecorder(1, 0, 48000, mainExecutor), std::invalid_argument);
 }
 
 TEST_F(DiagnosticRecorderTest, TimerCapturesEveryIntervalAndKeepsTheNewestCaptures)
