@@ -37,6 +37,8 @@ struct TestGraph::Data {
     pw_core* core = nullptr;
     pw_registry* registry = nullptr;
     spa_hook registryListener {};
+    spa_hook coreListener {};
+    int doneSeq = 0;
     pw_metadata* defaultMetadata = nullptr;
     spa_hook metadataListener {};
     std::map<uint32_t, Global> globals;
@@ -58,6 +60,18 @@ struct TestGraph::Data {
     uint64_t expectedPosition = 0;
     std::atomic<uint64_t> gaps { 0 };
     std::atomic<uint32_t> cycleFrames { 0 };
+
+    // Every event the daemon sent before now has arrived (loop lock held).
+    void roundtrip()
+    {
+        int seq = pw_core_sync(core, PW_ID_CORE, 0);
+        timespec deadline {};
+        pw_thread_loop_get_time(loop, &deadline, 3 * SPA_NSEC_PER_SEC);
+        while (doneSeq - seq < 0) {
+            if (pw_thread_loop_timed_wait_full(loop, &deadline) != 0)
+                return;
+        }
+    }
 
     struct Lock {
         explicit Lock(pw_thread_loop* l)
@@ -180,6 +194,22 @@ TestGraph::TestGraph()
         return e;
     }();
     pw_registry_add_listener(data->registry, &data->registryListener, &events, data.get());
+    static const pw_core_events coreEvents = [] {
+        pw_core_events e {};
+        e.version = PW_VERSION_CORE_EVENTS;
+        e.done = [](void* p, uint32_t id, int seq) {
+            auto* d = static_cast<Data*>(p);
+            if (id == PW_ID_CORE) {
+                d->doneSeq = seq;
+                pw_thread_loop_signal(d->loop, false);
+            }
+        };
+        return e;
+    }();
+    pw_core_add_listener(data->core, &data->coreListener, &coreEvents, data.get());
+    // The globals, then the metadata values of what was bound.
+    data->roundtrip();
+    data->roundtrip();
 }
 
 TestGraph::~TestGraph()
@@ -192,6 +222,8 @@ TestGraph::~TestGraph()
             spa_hook_remove(&data->metadataListener);
             pw_proxy_destroy(reinterpret_cast<pw_proxy*>(data->defaultMetadata));
         }
+        if (data->core)
+            spa_hook_remove(&data->coreListener);
         if (data->registry) {
             spa_hook_remove(&data->registryListener);
             pw_proxy_destroy(reinterpret_cast<pw_proxy*>(data->registry));
