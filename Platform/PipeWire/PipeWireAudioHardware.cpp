@@ -211,6 +211,11 @@ struct Duplex {
     AudioDeviceIOProc rtProc = nullptr;
     void* rtContext = nullptr;
     bool rtRunning = false;
+    // The streams as the process callbacks see them: set before the streams
+    // connect, cleared before they are destroyed.
+    pw_stream* rtTap = nullptr;
+    pw_stream* rtOutput = nullptr;
+    bool rtAlive = false;
     spa_io_position* rtPosition = nullptr;
     double rtSampleTime = 0.0;
     AudioBuffer inBuffer {};
@@ -226,6 +231,7 @@ struct Duplex {
     uint32_t tapNodeID() const { return tap ? pw_stream_get_node_id(tap) : SPA_ID_INVALID; }
     uint32_t outputNodeID() const { return output ? pw_stream_get_node_id(output) : SPA_ID_INVALID; }
 
+    // Loop lock held; the data thread must no longer use the streams.
     void destroyStreams()
     {
         if (output) {
@@ -252,12 +258,14 @@ struct Duplex {
     // list, the output stream's buffer (same size) the output list.
     void duplexCycle() noexcept
     {
+        if (!rtAlive)
+            return;
         noteQuantum();
-        pw_buffer* in = pw_stream_dequeue_buffer(tap);
-        pw_buffer* out = pw_stream_dequeue_buffer(output);
+        pw_buffer* in = pw_stream_dequeue_buffer(rtTap);
+        pw_buffer* out = pw_stream_dequeue_buffer(rtOutput);
         if (!out) {
             if (in)
-                pw_stream_queue_buffer(tap, in);
+                pw_stream_queue_buffer(rtTap, in);
             return;
         }
         spa_data& od = out->buffer->datas[0];
@@ -291,16 +299,18 @@ struct Duplex {
         od.chunk->size = frames * bytesPerFrame;
         od.chunk->stride = static_cast<int32_t>(bytesPerFrame);
         if (in)
-            pw_stream_queue_buffer(tap, in);
-        pw_stream_queue_buffer(output, out);
+            pw_stream_queue_buffer(rtTap, in);
+        pw_stream_queue_buffer(rtOutput, out);
     }
 
     // Capture without an output device: the procedure gets the tap's mix and
     // an empty output list.
     void captureCycle() noexcept
     {
+        if (!rtAlive)
+            return;
         noteQuantum();
-        pw_buffer* in = pw_stream_dequeue_buffer(tap);
+        pw_buffer* in = pw_stream_dequeue_buffer(rtTap);
         if (!in)
             return;
         if (in->buffer->n_datas > 0 && in->buffer->datas[0].data && rtRunning && rtProc) {
@@ -313,7 +323,7 @@ struct Duplex {
             rtProc(rtContext, &now, &inList, &now, &noBuffers, &now);
             rtSampleTime += frames;
         }
-        pw_stream_queue_buffer(tap, in);
+        pw_stream_queue_buffer(rtTap, in);
     }
 };
 
@@ -393,7 +403,7 @@ struct PipeWireAudioHardware::Data {
             Lock lock(loop);
             for (auto& [id, duplex] : aggregates) {
                 stopDuplex(*duplex);
-                duplex->destroyStreams();
+                destroyStreams(*duplex);
             }
             aggregates.clear();
             listeners.clear();
@@ -980,6 +990,31 @@ struct PipeWireAudioHardware::Data {
             0, nullptr, 0, true, &change);
     }
 
+    // Publishes (or withdraws) the streams to the process callbacks.
+    void setRealtimeStreams(Duplex& duplex, bool alive)
+    {
+        struct Change {
+            Duplex* duplex;
+            bool alive;
+        } change { &duplex, alive };
+        pw_data_loop_invoke(
+            pw_context_get_data_loop(context),
+            [](spa_loop*, bool, uint32_t, const void*, size_t, void* user) -> int {
+                auto* c = static_cast<Change*>(user);
+                c->duplex->rtTap = c->alive ? c->duplex->tap : nullptr;
+                c->duplex->rtOutput = c->alive ? c->duplex->output : nullptr;
+                c->duplex->rtAlive = c->alive;
+                return 0;
+            },
+            0, nullptr, 0, true, &change);
+    }
+
+    void destroyStreams(Duplex& duplex)
+    {
+        setRealtimeStreams(duplex, false);
+        duplex.destroyStreams();
+    }
+
     void stopDuplex(Duplex& duplex)
     {
         if (duplex.routing)
@@ -1012,8 +1047,10 @@ struct PipeWireAudioHardware::Data {
             };
             e.process = [](void* d) {
                 auto* duplex = static_cast<Duplex*>(d);
-                if (duplex->output)
-                    pw_stream_trigger_process(duplex->output);
+                if (!duplex->rtAlive)
+                    return;
+                if (duplex->rtOutput)
+                    pw_stream_trigger_process(duplex->rtOutput);
                 else
                     duplex->captureCycle();
             };
@@ -1105,6 +1142,7 @@ struct PipeWireAudioHardware::Data {
             if (!duplex.output)
                 return kAudioHardwareUnspecifiedError;
             pw_stream_add_listener(duplex.output, &duplex.outputListener, &outputEvents(), &duplex);
+            setRealtimeStreams(duplex, true);
             // The output first: it is triggered by the tap, so it must exist
             // before the tap's first cycle.
             int res = pw_stream_connect(duplex.output, PW_DIRECTION_OUTPUT, PW_ID_ANY,
@@ -1116,6 +1154,7 @@ struct PipeWireAudioHardware::Data {
             if (res < 0)
                 return kAudioHardwareUnspecifiedError;
         }
+        setRealtimeStreams(duplex, true);
         int res = pw_stream_connect(duplex.tap, PW_DIRECTION_INPUT, PW_ID_ANY,
                                     static_cast<pw_stream_flags>(PW_STREAM_FLAG_MAP_BUFFERS
                                                                  | PW_STREAM_FLAG_RT_PROCESS),
@@ -1475,7 +1514,7 @@ OSStatus PipeWireAudioHardware::createAggregateDevice(const AggregateDescription
     Duplex& created = *duplex;
     data->aggregates[created.id] = std::move(duplex);
     if (OSStatus status = data->createStreams(created)) {
-        created.destroyStreams();
+        data->destroyStreams(created);
         data->aggregates.erase(created.id);
         return status;
     }
@@ -1490,7 +1529,7 @@ OSStatus PipeWireAudioHardware::destroyAggregateDevice(AudioObjectID device)
     if (!duplex)
         return kAudioHardwareBadObjectError;
     data->stopDuplex(*duplex);
-    duplex->destroyStreams();
+    data->destroyStreams(*duplex);
     data->aggregates.erase(device);
     data->sync();
     return kAudioHardwareNoError;
