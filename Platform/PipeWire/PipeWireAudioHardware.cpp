@@ -231,6 +231,11 @@ struct Duplex {
     uint32_t tapNodeID() const { return tap ? pw_stream_get_node_id(tap) : SPA_ID_INVALID; }
     uint32_t outputNodeID() const { return output ? pw_stream_get_node_id(output) : SPA_ID_INVALID; }
 
+    Duplex() = default;
+    Duplex(const Duplex&) = delete;
+    Duplex& operator=(const Duplex&) = delete;
+    ~Duplex() { destroyStreams(); }
+
     // Loop lock held; the data thread must no longer use the streams.
     void destroyStreams()
     {
@@ -343,9 +348,23 @@ struct PipeWireAudioHardware::Data {
     RoutingJournal journal;
     pid_t ownPID = ::getpid();
 
-    pw_thread_loop* loop = nullptr;
+    struct LoopDeleter {
+        void operator()(pw_thread_loop* l) const
+        {
+            pw_thread_loop_stop(l);
+            pw_thread_loop_destroy(l);
+        }
+    };
+    struct ContextDeleter {
+        void operator()(pw_context* c) const { pw_context_destroy(c); }
+    };
+    // Owners first: members are destroyed in reverse order, the context before
+    // the loop it runs on.
+    std::unique_ptr<pw_thread_loop, LoopDeleter> loopOwner;
+    std::unique_ptr<pw_context, ContextDeleter> contextOwner;
+    pw_thread_loop* loop = nullptr; // views of the two owners
     pw_context* context = nullptr;
-    pw_core* core = nullptr;
+    pw_core* core = nullptr; // connect() and disconnect() own it
     pw_registry* registry = nullptr;
     spa_hook coreListener {};
     spa_hook registryListener {};
@@ -387,11 +406,13 @@ struct PipeWireAudioHardware::Data {
         , journal(options.journalPath.empty() ? RoutingJournal::defaultPath() : options.journalPath)
     {
         std::call_once(pipewireInit, [] { pw_init(nullptr, nullptr); });
-        loop = pw_thread_loop_new("sorva-pipewire", nullptr);
+        loopOwner.reset(pw_thread_loop_new("sorva-pipewire", nullptr));
+        loop = loopOwner.get();
         // client-rt.conf gives the data thread real-time priority where the
         // system allows it.
-        context = pw_context_new(pw_thread_loop_get_loop(loop),
-                                 pw_properties_new(PW_KEY_CONFIG_NAME, "client-rt.conf", nullptr), 0);
+        contextOwner.reset(pw_context_new(pw_thread_loop_get_loop(loop),
+                                          pw_properties_new(PW_KEY_CONFIG_NAME, "client-rt.conf", nullptr), 0));
+        context = contextOwner.get();
         pw_thread_loop_start(loop);
         Lock lock(loop);
         connect();
@@ -408,10 +429,9 @@ struct PipeWireAudioHardware::Data {
             aggregates.clear();
             listeners.clear();
         }
+        // No event may arrive while the mirror is torn down.
         pw_thread_loop_stop(loop);
         disconnect();
-        pw_context_destroy(context);
-        pw_thread_loop_destroy(loop);
     }
 
     // --- Connection (loop lock held) ------------------------------------
