@@ -353,6 +353,24 @@ TEST_F(PipeWireEngine, StopAndTheNextStartAfterACrashRestoreTheRouting)
     EXPECT_FALSE(std::filesystem::exists(journal));
 }
 
+TEST_F(PipeWireEngine, LeavesAStreamTheUserMovedAwayFromTheTapWhereTheUserPutIt)
+{
+    graph->startPlayer(std::vector<float>(48000 * 2, 0.0f));
+    EngineHost host({ 0.0, 0.0, 0.0, 0.0, 0.0 });
+    ASSERT_TRUE(host.started());
+    ASSERT_TRUE(playerRoutedToTap(*graph));
+    auto player = *graph->nodeID("sorva_test_player");
+    auto secondSpeakers = *graph->nodeID("speakers-2");
+    graph->setMetadata(player, "target.object", "Spa:Id", std::to_string(*graph->nodeSerial("speakers-2")));
+    ASSERT_TRUE(TestGraph::waitFor([&] { return graph->linked(player, secondSpeakers); }, 3s));
+    std::this_thread::sleep_for(300ms);
+    EXPECT_FALSE(graph->linked(player, *graph->nodeID("sorva_system_tap"))) << "not routed back";
+    ASSERT_TRUE(host.stop());
+    EXPECT_EQ(graph->metadata(player, "target.object"), std::to_string(*graph->nodeSerial("speakers-2")));
+    std::this_thread::sleep_for(300ms);
+    EXPECT_TRUE(graph->linked(player, secondSpeakers));
+}
+
 TEST_F(PipeWireEngine, RunsTheGraphAtTheRequestedIOBufferSize)
 {
     graph->startRecorder("speakers", 48000 * 2);
