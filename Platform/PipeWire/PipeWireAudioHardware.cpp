@@ -513,6 +513,9 @@ struct PipeWireAudioHardware::Data {
             connect();
         if (!core || disconnected)
             return kAudioHardwareNotRunningError;
+        // A rejected client sees no object at all.
+        if (refused && nodes.empty())
+            return kAudioHardwarePermissionDenied;
         return kAudioHardwareNoError;
     }
 
@@ -524,7 +527,8 @@ struct PipeWireAudioHardware::Data {
         int seq = pw_core_sync(core, PW_ID_CORE, 0);
         timespec deadline {};
         pw_thread_loop_get_time(loop, &deadline, int64_t(options.setupTimeoutMilliseconds) * SPA_NSEC_PER_MSEC);
-        while (lastDoneSeq - seq < 0 && !disconnected) {
+        // A refused client gets no answer: do not wait for one.
+        while (lastDoneSeq - seq < 0 && !disconnected && !refused) {
             if (pw_thread_loop_timed_wait_full(loop, &deadline) != 0)
                 return false;
         }

@@ -211,6 +211,24 @@ TEST(PipeWireAudioHardware, ARestrictedClientIsRefusedAsPermissionDeniedAndRoute
     EXPECT_FALSE(graph.metadata(*graph.nodeID("sorva_test_player"), "target.object"));
 }
 
+TEST(PipeWireAudioHardware, ARejectedClientFailsAtOnceAndRoutesNothing)
+{
+    PrivateSession session({ "--reject", SORVA_ENGINE_HOST });
+    ASSERT_TRUE(session.ready());
+    TestGraph graph;
+    graph.startPlayer(std::vector<float>(48000 * 2, 0.0f));
+    ASSERT_TRUE(TestGraph::waitFor([&] { return graph.nodeID("sorva_test_player").has_value(); }, 3s));
+
+    auto started = std::chrono::steady_clock::now();
+    ChildProcess host({ SORVA_ENGINE_HOST });
+    auto line = host.readLine(15s);
+    ASSERT_TRUE(line);
+    EXPECT_EQ(line->rfind("FAILED ", 0), 0u) << *line;
+    EXPECT_LT(std::chrono::steady_clock::now() - started, 2s) << "a refused client is not waited for";
+    EXPECT_FALSE(graph.nodeID("sorva_system_tap"));
+    EXPECT_FALSE(graph.metadata(*graph.nodeID("sorva_test_player"), "target.object"));
+}
+
 TEST(PipeWireAudioHardware, WithoutADaemonEveryCallFailsClearly)
 {
     auto empty = std::filesystem::temp_directory_path() / ("sorva-no-daemon-" + std::to_string(::getpid()));
