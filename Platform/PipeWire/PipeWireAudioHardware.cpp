@@ -3,6 +3,10 @@
 // (nodes, clients, the "default" and "settings" metadata), the taps, the
 // aggregates (each one a pair of streams) and the property listeners.
 //
+// It is one long file on purpose: every PipeWire type stays inside it, behind
+// the private Data, and the registry mirror, the routing and the stream pair
+// share that one lock and that one set of objects.
+//
 // Locking: every field of Data is touched only with the thread loop's lock
 // held (PipeWire's own events run on the loop thread, which holds it). The
 // real-time process callbacks touch only their Duplex's real-time fields;
