@@ -350,9 +350,13 @@ void runStereoKernel(const KernelJob& job, IO io, int64_t frames) noexcept
         const __m128 up = _mm_add_ss(_mm_mul_ss(e, attack), _mm_mul_ss(attackRest, peak));
         const __m128 down = _mm_add_ss(_mm_mul_ss(e, release), _mm_mul_ss(releaseRest, peak));
         e = select(rising, up, down);
-        // Scaling by exactly 1 leaves every value (NaN, -0, denormals) as it is.
-        const __m128 over = _mm_cmplt_ss(ceiling, e);
-        __m128 scale = select(over, _mm_div_ss(ceiling, e), one);
+        // The scalar loop scales by 0.99 / e only when e > 0.99. Here every
+        // frame is scaled by min(0.99 / e, 1): for e > 0.99 the quotient is at
+        // most 1 (exactly 1 only if rounding made it so, and then both scale by
+        // 1); otherwise it is at least 1, and a NaN envelope yields the second
+        // operand, 1. Scaling by exactly 1 leaves every value (NaN, -0,
+        // denormals) as it is.
+        __m128 scale = _mm_min_ss(_mm_div_ss(ceiling, e), one);
         scale = _mm_shuffle_ps(scale, scale, _MM_SHUFFLE(0, 0, 0, 0));
         v = _mm_mul_ps(v, scale);
         // min first: a NaN sample yields the second operand, +ceiling.
