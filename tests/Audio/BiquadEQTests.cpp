@@ -128,7 +128,7 @@ struct ReferenceEQ {
 
 bool sameBits(const std::vector<float>& a, const std::vector<float>& b)
 {
-    return a.size() == b.size() && std::memcmp(a.data(), b.data(), a.size() * sizeof(float)) == 0;
+    return a.size() == b.size() && (a.empty() || std::memcmp(a.data(), b.data(), a.size() * sizeof(float)) == 0);
 }
 
 size_t firstDifference(const std::vector<float>& a, const std::vector<float>& b)
