@@ -381,8 +381,9 @@ void runStereoKernel(const KernelJob& job, IO io, int64_t frames) noexcept
         io.store(n, v);
     };
 
-    auto step = [&](int64_t t, bool edge) {
-        const __m128 in = t < frames ? io.load(t) : zero;
+    auto step = [&](int64_t t, bool edge, bool leaving) {
+        // In the steady part every step has a frame to load.
+        const __m128 in = !edge || t < frames ? io.load(t) : zero;
         if constexpr (K == 0) {
             limitAndStore(t, in);
         } else {
@@ -409,7 +410,7 @@ void runStereoKernel(const KernelJob& job, IO io, int64_t frames) noexcept
                 }
                 y[j] = out;
             }
-            if (t >= lag) {
+            if (leaving) {
                 constexpr int last = (K - 1) / 2;
                 const __m128 out = (K - 1) % 2 == 0 ? y[last] : _mm_movehl_ps(y[last], y[last]);
                 limitAndStore(t - lag, out);
@@ -421,12 +422,13 @@ void runStereoKernel(const KernelJob& job, IO io, int64_t frames) noexcept
     const int64_t steadyBegin = std::min<int64_t>(lag, frames);
     const int64_t steadyEnd = std::max<int64_t>(frames, steadyBegin);
     int64_t t = 0;
+    // `leaving`: a frame leaves the last band at this step.
     for (; t < steadyBegin; ++t)
-        step(t, true);
+        step(t, true, t >= lag);
     for (; t < steadyEnd; ++t)
-        step(t, false);
+        step(t, false, true);
     for (; t < steps; ++t)
-        step(t, true);
+        step(t, true, t >= lag);
 
     *job.envelope = _mm_cvtss_f32(e);
 #pragma GCC unroll 4
