@@ -219,6 +219,8 @@ TEST(BiquadEQ, MatchesThePlainReferenceBitForBitInEveryLayoutAndBlockSize)
         { 5, 2, 2, { 20, 2, -12, -2, 2 }, { 0, 0, 0, 0, 0 }, 1.5f }, // limiter busy, then flat
         { 5, 2, 2, { 0, 0, 3, 0, 0 }, { 1, 2, 3, 4, 5 }, 0.3f },
         { 8, 2, 2, { 1, -2, 3, -4, 5, -6, 7, -8 }, { 8, 7, 6, 5, 4, 3, 2, 1 }, 0.4f },
+        { 8, 2, 2, { 0, 3, 0, 0, -3, 0, 0, 0 }, { 2, 0, 2, 0, 2, 0, 2, 0 }, 0.4f }, // two, then four bands
+        { 8, 2, 2, { 1, 2, 3, 0, 5, 6, 7, 0 }, { 0, 2, 3, 4, 5, 6, 7, 8 }, 0.4f }, // six, then seven
         { 9, 2, 2, { 1, 1, 1, 1, 1, 1, 1, 1, 1 }, { 2, -2, 2, -2, 2, -2, 2, -2, 0 }, 0.4f }, // too many for the kernel
         { 5, 1, 2, { 6, -3, 4, -2, 5 }, { 3, 3, 3, 3, 3 }, 0.5f }, // mono filter, stereo buffer
         { 5, 2, 3, { 6, -3, 4, -2, 5 }, { -6, 3, -4, 2, -5 }, 0.7f }, // an extra unfiltered channel
