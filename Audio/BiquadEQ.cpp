@@ -259,10 +259,13 @@ void BiquadEQ::planarScalar(float* left, float* right, int64_t frames) noexcept
 // bands run overlapped in time: at step t, active band k works on frame t - k,
 // taking band k-1's output of the previous step. Two bands share one register
 // as (band 2j: left, right | band 2j+1: left, right), so five bands need three
-// registers per operation. The limiter runs in the same loop on the frame
-// leaving the last band. Every lane does exactly the scalar operations in the
-// scalar order, so results are bit-identical; the first and last K-1 steps of
-// a block keep the state of bands that have no frame yet (or any more).
+// registers per operation (the unused half has zero coefficients and is
+// never stored). The limiter runs in the same loop on the frame leaving the
+// last band. Every lane does exactly the scalar operations in the scalar
+// order, so results are bit-identical. With K active bands a block takes
+// frames + K - 1 steps; in the first and last K - 1 of them, bands that have
+// no frame yet (or any more) keep their state. Frame t is read at step t,
+// before frame t - K + 1 is written back, so processing in place is safe.
 
 #if SORVA_STEREO_KERNEL
 namespace {
