@@ -1,6 +1,8 @@
 #include "Audio/BiquadEQ.h"
 #include "Models/EQConfig.h"
 
+#include "AllocationCounter.h"
+
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -568,4 +570,22 @@ TEST(BiquadEQ, UpdatesRacingTheAudioThreadNeverMixTwoBanks)
     audio.join();
     EXPECT_GE(blocks.load(), 200);
     EXPECT_EQ(mixed.load(), 0);
+}
+
+TEST(BiquadEQ, TheAudioThreadPathsAllocateNothing)
+{
+    BiquadEQ eq(5, 2), wide(9, 3);
+    eq.update(bandsWithGains({ 6, -3, 4, -2, 5 }), 0.0, rate);
+    wide.update(bandsWithGains({ 1, 1, 1, 1, 1, 1, 1, 1, 1 }), 0.0, rate);
+    std::vector<float> block(3 * 512, 0.25f), left(512, 0.25f), right(512, -0.25f);
+    EXPECT_EQ(test::allocationsDuring([&] {
+        eq.processInterleaved(block.data(), 512, 2);
+        eq.processInterleavedScalar(block.data(), 512, 2);
+        eq.processPlanar(left.data(), right.data(), 512);
+        eq.processPlanarScalar(left.data(), right.data(), 512);
+        wide.processInterleaved(block.data(), 512, 3);
+        wide.processPlanar(left.data(), right.data(), 512);
+        eq.reset();
+    }),
+              0u);
 }
