@@ -391,6 +391,7 @@ struct PipeWireAudioHardware::Data {
     uint64_t nextToken = 1;
     std::vector<Listener> listeners;
     bool journalWarned = false;
+    std::map<std::string, uint32_t> negotiatedRates; // by device UID
 
     // The loop lock for the scope of one public operation.
     struct Lock {
@@ -778,8 +779,9 @@ struct PipeWireAudioHardware::Data {
         return nullptr;
     }
 
-    // The rate a device runs at: a forced graph rate, else the device's own
-    // configured rate, else the graph's default rate.
+    // The rate a device runs at: a forced graph rate, else the rate our
+    // streams last negotiated on it, else the device's own configured rate,
+    // else the graph's default rate.
     std::optional<double> deviceRate(AudioObjectID device) const
     {
         if (auto found = aggregates.find(device); found != aggregates.end()) {
@@ -796,6 +798,11 @@ struct PipeWireAudioHardware::Data {
             return std::nullopt;
         if (auto forced = setting("clock.force-rate"))
             return *forced;
+        // The rate our streams last ran at on this device is the graph's
+        // real rate there (it may have switched from its default to suit the
+        // programs playing).
+        if (auto found = negotiatedRates.find(lookup(n->props, PW_KEY_NODE_NAME)); found != negotiatedRates.end())
+            return static_cast<double>(found->second);
         if (auto rate = parseInteger(lookup(n->props, PW_KEY_AUDIO_RATE)); rate && *rate > 0)
             return static_cast<double>(*rate);
         return setting("clock.rate").value_or(48000.0);
@@ -1116,6 +1123,8 @@ struct PipeWireAudioHardware::Data {
             spa_audio_info_raw info {};
             if (spa_format_audio_raw_parse(param, &info) >= 0 && info.rate > 0) {
                 duplex.negotiatedRate.store(info.rate);
+                if (duplex.outputUID)
+                    negotiatedRates[*duplex.outputUID] = info.rate;
                 notifyListeners();
             }
         } else if (id == SPA_PARAM_Latency && duplex.output) {

@@ -60,6 +60,9 @@ struct TestGraph::Data {
     uint64_t expectedPosition = 0;
     std::atomic<uint64_t> gaps { 0 };
     std::atomic<uint32_t> cycleFrames { 0 };
+    // (graph position, first recorded frame) of each recorded cycle.
+    std::vector<std::pair<uint64_t, size_t>> cycles;
+    std::atomic<size_t> cycleCount { 0 };
 
     // Every event the daemon sent before now has arrived (loop lock held).
     void roundtrip()
@@ -139,6 +142,11 @@ struct TestGraph::Data {
             }
             expectedPosition = position + frames;
             size_t n = std::min<size_t>(frames, recording.size() / 2 - have);
+            size_t cycle = cycleCount.load();
+            if (n > 0 && cycle < cycles.size()) {
+                cycles[cycle] = { position, have };
+                cycleCount.store(cycle + 1);
+            }
             std::memcpy(recording.data() + have * 2, SPA_PTROFF(d.data, offset, float), n * 8);
             recordedFrames.store(have + n);
         }
@@ -294,6 +302,8 @@ void TestGraph::startRecorder(const std::string& speaker, size_t capacityFrames)
 {
     Data::Lock lock(data->loop);
     data->recording.assign(capacityFrames * 2, 0.0f);
+    data->cycles.assign(capacityFrames / 16 + 1, { 0, 0 });
+    data->cycleCount = 0;
     data->recordedFrames = 0;
     data->recorderStart = -1;
     data->gaps = 0;
@@ -335,6 +345,17 @@ std::optional<uint64_t> TestGraph::recorderStartPosition()
 }
 
 uint64_t TestGraph::recorderGaps() { return data->gaps.load(); }
+
+std::optional<uint64_t> TestGraph::recordedFramePosition(size_t frame)
+{
+    size_t count = data->cycleCount.load();
+    for (size_t i = count; i-- > 0;) {
+        auto [position, first] = data->cycles[i];
+        if (first <= frame)
+            return position + (frame - first);
+    }
+    return std::nullopt;
+}
 uint32_t TestGraph::recorderCycleFrames() { return data->cycleFrames.load(); }
 
 void TestGraph::stopRecorder()
