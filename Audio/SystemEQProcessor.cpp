@@ -6,7 +6,6 @@
 #include "Platform/HostClock.h"
 
 #include <algorithm>
-#include <cerrno>
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
