@@ -128,7 +128,10 @@ protected:
 };
 
 // The played impulse arrives after the ring's prime length plus the one
-// quantum that separates two unlinked streams of the graph.
+// quantum that direct playback takes in this graph (measured the same way:
+// player cycle to speaker monitor). The ring primes on whole capture blocks,
+// so it may hold up to a block more than the prime until the reader's rate
+// nudging has drained it: hence the tolerance of one quantum.
 void expectLatency(TestGraph& graph, double latency)
 {
     const size_t impulseFrame = 100;
