@@ -58,6 +58,16 @@ std::mutex& fileLock()
 
 SerialQueue& writeQueue()
 {
+    // The queue's jobs read these statics. Constructing them before the queue
+    // makes them outlive it at exit, when the queue runs its remaining jobs.
+    static const bool jobStatics = [] {
+        directoryLock();
+        directoryOverride();
+        fileLock();
+        perUserTemporaryDirectory();
+        return true;
+    }();
+    (void)jobStatics;
     static SerialQueue queue("com.sorva.app.log");
     return queue;
 }
@@ -123,7 +133,12 @@ void trace(const std::function<std::string()>& message)
         if (observerSlot())
             observerSlot()(text);
     }
-    std::string line = "[" + timeOfDay() + "] " + text + "\n";
+    // Appended piece by piece: GCC 12 at -O3 warns (-Wrestrict, falsely) on
+    // "[" + std::string&&.
+    const std::string time = timeOfDay();
+    std::string line;
+    line.reserve(time.size() + text.size() + 4);
+    line.append("[").append(time).append("] ").append(text).append("\n");
     writeQueue().async([text = std::move(text), line = std::move(line)] {
         std::string errorLine = "[sorva] " + text + "\n";
         std::fwrite(errorLine.data(), 1, errorLine.size(), stderr);
