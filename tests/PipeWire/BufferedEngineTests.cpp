@@ -60,7 +60,9 @@ struct BufferedHost {
     std::optional<int64_t> underruns()
     {
         process.writeLine("stats");
-        const auto line = process.readLine(5s);
+        auto line = process.readLine(5s);
+        while (line == std::optional<std::string>("REBUILD"))
+            line = process.readLine(5s);
         if (!line || !line->starts_with("RING "))
             return std::nullopt;
         std::istringstream fields(line->substr(5));
@@ -71,7 +73,10 @@ struct BufferedHost {
     bool stop()
     {
         process.writeLine("stop");
-        return process.readLine(10s) == std::optional<std::string>("STOPPED");
+        auto line = process.readLine(10s);
+        while (line == std::optional<std::string>("REBUILD"))
+            line = process.readLine(10s);
+        return line == std::optional<std::string>("STOPPED");
     }
     ChildProcess process;
 };
@@ -217,6 +222,21 @@ TEST_F(PipeWireBufferedEngine, NoUnderrunsOnceRunningForAMinute)
     const auto underruns = host.underruns();
     ASSERT_TRUE(underruns.has_value());
     EXPECT_EQ(*underruns, 0);
+    EXPECT_TRUE(host.stop());
+}
+
+TEST_F(PipeWireBufferedEngine, AsksForARebuildAsSoonAsTheDefaultOutputChanges)
+{
+    BufferedHost host("0,0,0,0,0", 125.0);
+    ASSERT_TRUE(host.started());
+    // Right after start, unlike the single-device engine: the output stream
+    // follows the new default at once, so the chain must follow it too.
+    std::this_thread::sleep_for(300ms);
+    graph->setMetadata(0, "default.configured.audio.sink", "Spa:String:JSON", "{\"name\":\"speakers-2\"}");
+    EXPECT_EQ(host.process.readLine(5s), std::optional<std::string>("REBUILD"));
+    // The output stream's own notice of the move comes within the settling
+    // time and adds no second request.
+    EXPECT_EQ(host.process.readLine(1s), std::nullopt);
     EXPECT_TRUE(host.stop());
 }
 

@@ -9,7 +9,8 @@
 // started (or "FAILED <description>" and exits 1). Then reads commands, one a
 // line: "stats" prints "RING <underruns and resyncs since the last stats>
 // <frames buffered>"; "stop" (or the end of the input) stops the engine,
-// prints "STOPPED" and exits 0.
+// prints "STOPPED" and exits 0. Each time the engine asks to be rebuilt
+// (onConfigurationChange) it prints "REBUILD".
 // Main thread: the engine's main thread; the executor's jobs run here too.
 #include "Audio/BufferedEQProcessor.h"
 #include "Models/EQConfig.h"
@@ -51,6 +52,7 @@ int main(int argc, char** argv)
         bands[band].gain = gains[band];
     BufferedEQProcessor engine(static_cast<int64_t>(bands.size()), latency, hardware,
                                std::make_unique<PipeWireOutputEngine>(), executor);
+    engine.onConfigurationChange = [] { std::cout << "REBUILD" << std::endl; };
     try {
         engine.start(bands, 0.0);
     } catch (const std::exception& error) {
