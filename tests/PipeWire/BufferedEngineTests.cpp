@@ -56,8 +56,11 @@ struct BufferedHost {
             ADD_FAILURE() << "engine host: " << line.value_or("(no answer)");
         return line == std::optional<std::string>("READY");
     }
-    // Underruns and resyncs since the last call, or nothing.
-    std::optional<int64_t> underruns()
+    struct Ring {
+        int64_t underruns = 0; // underruns and resyncs since the last call
+        int64_t buffered = 0; // frames
+    };
+    std::optional<Ring> ring()
     {
         process.writeLine("stats");
         auto line = process.readLine(5s);
@@ -66,9 +69,14 @@ struct BufferedHost {
         if (!line || !line->starts_with("RING "))
             return std::nullopt;
         std::istringstream fields(line->substr(5));
-        int64_t count = -1;
-        fields >> count;
-        return count;
+        Ring result;
+        fields >> result.underruns >> result.buffered;
+        return result;
+    }
+    std::optional<int64_t> underruns()
+    {
+        const auto snapshot = ring();
+        return snapshot ? std::optional<int64_t>(snapshot->underruns) : std::nullopt;
     }
     bool stop()
     {
@@ -135,8 +143,8 @@ protected:
 // The played impulse arrives after the ring's prime length plus the one
 // quantum that direct playback takes in this graph (measured the same way:
 // player cycle to speaker monitor). The ring primes on whole capture blocks,
-// so it may hold up to a block more than the prime until the reader's rate
-// nudging has drained it: hence the tolerance of one quantum.
+// so it may hold up to a block more than the prime: hence the tolerance of
+// one quantum.
 void expectLatency(TestGraph& graph, double latency)
 {
     const size_t impulseFrame = 100;
@@ -149,11 +157,26 @@ void expectLatency(TestGraph& graph, double latency)
     graph.startRecorder("speakers", 48000 * 3);
     graph.startPlayer(impulse);
     ASSERT_TRUE(playerRoutedToTap(graph));
-    // Primed and faded in on the player's silence first.
-    std::this_thread::sleep_for(600ms);
+    // The ring primes on the player's silence. If the output started pulling
+    // a little after the capture began, the ring holds more than the prime
+    // and the reader's rate nudging (at most 0.2 %) drains the excess over
+    // seconds: measure once it holds no more than a quantum above the prime.
+    const int64_t configured = BufferedEQProcessor::primeFrames(latency);
+    int64_t settledPolls = 0;
+    int64_t firstBuffered = -1;
+    const auto deadline = std::chrono::steady_clock::now() + 60s;
+    while (settledPolls < 3 && std::chrono::steady_clock::now() < deadline) {
+        std::this_thread::sleep_for(200ms);
+        const auto snapshot = host.ring();
+        ASSERT_TRUE(snapshot);
+        if (firstBuffered < 0)
+            firstBuffered = snapshot->buffered;
+        settledPolls = snapshot->buffered <= configured + quantum ? settledPolls + 1 : 0;
+    }
+    ASSERT_EQ(settledPolls, 3) << "the ring never came down to its prime length";
     auto delay = impulseDelay(graph, impulseFrame);
     ASSERT_TRUE(delay);
-    const int64_t configured = BufferedEQProcessor::primeFrames(latency);
+    std::cout << "[ latency  ] ring held " << firstBuffered << " frames 200 ms after routing\n";
     std::cout << "[ latency  ] " << latency << " ms buffer: " << *delay << " frames (" << double(*delay) / 48.0
               << " ms), configured " << configured << " frames + quantum " << quantum << "\n";
     EXPECT_NEAR(double(*delay), double(configured + quantum), double(quantum));
