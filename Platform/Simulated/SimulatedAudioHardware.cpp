@@ -149,6 +149,10 @@ void SimulatedAudioHardware::fireListeners(AudioObjectID object, uint32_t select
         for (const auto& [token, listener] : listeners)
             if (listener.object == object && listener.address.mSelector == selector)
                 matching.push_back(listener);
+        if (deliveryPaused) {
+            heldDeliveries.insert(heldDeliveries.end(), matching.begin(), matching.end());
+            return;
+        }
     }
     for (const Listener& listener : matching) {
         auto handler = listener.handler;
@@ -166,6 +170,26 @@ void SimulatedAudioHardware::injectStatus(Call call, OSStatus status, int times,
         return;
     }
     injections[call] = Injection { status, times, skip };
+}
+
+void SimulatedAudioHardware::pauseListenerDelivery()
+{
+    std::lock_guard guard(objectsLock);
+    deliveryPaused = true;
+}
+
+void SimulatedAudioHardware::resumeListenerDelivery()
+{
+    std::vector<Listener> held;
+    {
+        std::lock_guard guard(objectsLock);
+        deliveryPaused = false;
+        held.swap(heldDeliveries);
+    }
+    for (const Listener& listener : held) {
+        auto handler = listener.handler;
+        listener.queue->async([handler] { (*handler)(); });
+    }
 }
 
 void SimulatedAudioHardware::drainListenerQueues()

@@ -106,6 +106,11 @@ public:
 
     int callCount(Call call) const;
 
+    // While paused, changes are remembered instead of delivered; resuming
+    // queues them in order (for "changed twice before the handler ran").
+    void pauseListenerDelivery();
+    void resumeListenerDelivery();
+
     // Waits until every listener job queued so far on the queues of the
     // registered listeners has run.
     void drainListenerQueues();
@@ -230,6 +235,8 @@ private:
     std::map<Call, int> calls;
     std::vector<TapDescription> tapHistory;
     std::vector<AggregateDescription> aggregateHistory;
+    bool deliveryPaused = false;
+    std::vector<Listener> heldDeliveries;
 };
 
 } // namespace sorva

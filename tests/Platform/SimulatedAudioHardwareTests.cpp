@@ -269,12 +269,23 @@ TEST(SimulatedAudioHardware, ChangesFireTheMatchingListenersOnTheirQueues)
     EXPECT_EQ(deviceFired.load(), 2);
     EXPECT_EQ(seenDefault.load(), 0u);
 
+    // Held deliveries arrive on resume, in order, each reading the value as it is then.
+    hardware.pauseListenerDelivery();
+    hardware.setDefaultOutputDevice(speakers);
+    hardware.setDefaultOutputDevice(headphones);
+    queue->drain();
+    EXPECT_EQ(deviceFired.load(), 2);
+    hardware.resumeListenerDelivery();
+    queue->drain();
+    EXPECT_EQ(deviceFired.load(), 4);
+    EXPECT_EQ(seenDefault.load(), headphones);
+
     EXPECT_EQ(hardware.removePropertyListener(deviceRegistration), 0);
     EXPECT_EQ(hardware.removePropertyListener(rateRegistration), 0);
     hardware.setDefaultOutputDevice(speakers);
     hardware.setNominalSampleRate(speakers, 48000.0);
     queue->drain();
-    EXPECT_EQ(deviceFired.load(), 2);
+    EXPECT_EQ(deviceFired.load(), 4);
     EXPECT_EQ(rateFired.load(), 1);
 }
 
