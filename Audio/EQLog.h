@@ -26,6 +26,7 @@ inline void trace(std::string_view message)
 template <typename F>
     requires std::invocable<F> && std::convertible_to<std::invoke_result_t<F>, std::string>
          && (!std::convertible_to<F, std::string_view>)
+         && (!std::same_as<std::remove_cvref_t<F>, std::function<std::string()>>)
 void trace(F&& message)
 {
     trace(std::function<std::string()>(std::forward<F>(message)));
