@@ -1,0 +1,90 @@
+// DiagnosticRecorder: keeps the last seconds of the single-device engine's
+// audio twice (raw as captured, processed as played) and, once a minute,
+// writes both as 32-bit float WAV files plus a context text file into the
+// diagnostics folder, keeping only the newest captures.
+//
+// Threading: push() runs on the audio thread and takes `lock` for the copy
+// (no allocation, no logging). startContinuousCapture()/stopContinuousCapture()
+// and the destructor run on the main thread; the timer ticks and the context
+// provider run there too. All file work runs on the serial queue
+// "com.sorva.app.diagnostics". markEvent() may be called from any thread but
+// the audio thread (it is what the queue runs).
+#pragma once
+
+#include "Platform/MainExecutor.h"
+#include "Platform/SerialQueue.h"
+#include "Platform/UnfairLock.h"
+
+#include <chrono>
+#include <cstdint>
+#include <filesystem>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <system_error>
+#include <vector>
+
+namespace sorva {
+
+class DiagnosticRecorder {
+public:
+    struct CaptureFiles {
+        std::filesystem::path raw;
+        std::filesystem::path processed;
+        std::filesystem::path context;
+    };
+
+    // Wall-clock time for file names and the context text; injectable so
+    // tests can give captures distinct stamps.
+    using WallClock = std::function<std::chrono::system_clock::time_point()>;
+
+    DiagnosticRecorder(double seconds, int64_t channels, double sampleRate, MainExecutor& mainExecutor,
+                       WallClock wallClock = {});
+    ~DiagnosticRecorder();
+    DiagnosticRecorder(const DiagnosticRecorder&) = delete;
+    DiagnosticRecorder& operator=(const DiagnosticRecorder&) = delete;
+
+    // Two interleaved blocks of frames × channels samples. Audio thread.
+    void push(const float* raw, const float* processed, int64_t frames) noexcept;
+
+    // Replaces any running timer by one that captures "chunk" every
+    // chunkSeconds and then keeps the newest retainChunks captures. Main thread.
+    void startContinuousCapture(std::filesystem::path directory, double chunkSeconds, int64_t retainChunks,
+                                std::function<std::string()> contextProvider);
+    // Main thread.
+    void stopContinuousCapture();
+
+    // Writes one capture of the whole history held so far; nothing when no
+    // audio was pushed yet or a write failed (logged).
+    std::optional<CaptureFiles> markEvent(const std::string& label, const std::filesystem::path& directory,
+                                          const std::string& extraContext);
+
+    // Waits until every capture handed to the queue so far has finished.
+    void waitForCaptures();
+
+    const int64_t capacityFrames;
+    const int64_t channels;
+    const double sampleRate;
+
+private:
+    void prune(const std::filesystem::path& directory, int64_t keepingNewest);
+    // Writes the 44-byte header and the samples in one piece; returns the
+    // failure, or an empty error code.
+    static std::error_code writeWAV(const std::vector<float>& samples, int64_t channels, double sampleRate,
+                                    const std::filesystem::path& file);
+
+    std::vector<float> rawRing;
+    std::vector<float> processedRing;
+    int64_t writeIndex = 0;
+    int64_t totalFramesWritten = 0;
+    UnfairLock lock;
+    MainExecutor& mainExecutor;
+    WallClock wallClock;
+    std::unique_ptr<MainExecutor::Timer> flushTimer;
+    // Last member: destroyed first, so queued captures finish while the
+    // rings still exist.
+    SerialQueue flushQueue;
+};
+
+} // namespace sorva
