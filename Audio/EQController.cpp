@@ -350,7 +350,8 @@ void EQController::startBufferedProcessor()
     double latency = EQSettings::bufferLatencyMs();
     auto engine = std::make_unique<BufferedEQProcessor>(static_cast<int64_t>(configValue.bands.size()), latency,
                                                         *environment.hardware, environment.makeOutputEngine,
-                                                        environment.mainExecutor);
+                                                        *environment.mainExecutor, environment.engineWait,
+                                                        environment.monotonicClock);
     engine->onConfigurationChange = restartOnConfigurationChange();
     engine->start(configValue.bands, configValue.outputGain);
     buffered = std::move(engine);
