@@ -58,6 +58,16 @@ std::mutex& fileLock()
 
 SerialQueue& writeQueue()
 {
+    // The queue's jobs read these statics. Constructing them before the queue
+    // makes them outlive it at exit, when the queue runs its remaining jobs.
+    static const bool jobStatics = [] {
+        directoryLock();
+        directoryOverride();
+        fileLock();
+        perUserTemporaryDirectory();
+        return true;
+    }();
+    (void)jobStatics;
     static SerialQueue queue("com.sorva.app.log");
     return queue;
 }
