@@ -3,14 +3,39 @@
 #include <algorithm>
 #include <cmath>
 #include <numbers>
+#include <thread>
+
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#define SORVA_STEREO_KERNEL 1
+#endif
 
 namespace sorva {
+
+namespace {
+
+// Clamp to ±ceiling; a NaN compares false both ways and becomes +ceiling.
+inline float clampSample(float v, float ceiling)
+{
+    return v >= -ceiling ? (v <= ceiling ? v : ceiling) : (v < -ceiling ? -ceiling : ceiling);
+}
+
+// The running peak of a frame: NaN samples do not count, so one NaN cannot
+// poison the envelope for good (the clamp still turns it into +ceiling).
+inline float peakWith(float peak, float sample)
+{
+    const float magnitude = std::abs(sample);
+    return magnitude > peak ? magnitude : peak;
+}
+
+} // namespace
 
 BiquadEQ::BiquadEQ(int64_t bandCount, int64_t channels)
     : bandCount(std::max<int64_t>(bandCount, 0))
     , channelCount(std::max<int64_t>(channels, 0))
     , coefficients(new AtomicSection[static_cast<size_t>(2 * this->bandCount)])
     , state(new float[static_cast<size_t>(2 * this->channelCount * this->bandCount)]())
+    , blockBank(new Section[static_cast<size_t>(this->bandCount)])
 {
 }
 
@@ -26,7 +51,14 @@ void BiquadEQ::update(const std::vector<EQBand>& bands, double outputGainDB, dou
 {
     outputGain.store(static_cast<float>(std::pow(10.0, outputGainDB / 20.0)), std::memory_order_relaxed);
 
-    int64_t target = 1 - activeBank.load(std::memory_order_relaxed);
+    const int64_t target = 1 - activeBank.load(std::memory_order_relaxed);
+    // Two updates in quick succession: the second one writes the bank the
+    // first just published. Wait while the audio thread is copying it (a
+    // handful of loads); paired with the seq_cst store/load in
+    // loadPublishedBank, one of the two sides always sees the other.
+    while (bankInUse.load(std::memory_order_seq_cst) == target)
+        std::this_thread::yield();
+
     AtomicSection* bank = &coefficients[static_cast<size_t>(target * bandCount)];
     const int64_t given = static_cast<int64_t>(bands.size());
     for (int64_t i = 0; i < bandCount; ++i) {
@@ -52,7 +84,7 @@ void BiquadEQ::update(const std::vector<EQBand>& bands, double outputGainDB, dou
     }
 
     // Cuts never raise the level: only the largest boost lowers it, by 12 % of
-    // that boost in dB.
+    // that boost in dB. Bands beyond bandCount have no filter and do not count.
     const int64_t counted = std::min(bandCount, given);
     double makeup = 1.0;
     if (counted > 0) {
@@ -67,7 +99,10 @@ void BiquadEQ::update(const std::vector<EQBand>& bands, double outputGainDB, dou
     limiterAttack.store(static_cast<float>(std::exp(-1.0 / (sampleRate * 0.015))), std::memory_order_relaxed);
     limiterRelease.store(static_cast<float>(std::exp(-1.0 / (sampleRate * 0.15))), std::memory_order_relaxed);
 
-    activeBank.store(target, std::memory_order_release);
+    // Last, after every section of the bank: publishes it. seq_cst (not just
+    // release) so that the next update's bankInUse check cannot be ordered
+    // before it.
+    activeBank.store(target, std::memory_order_seq_cst);
 }
 
 void BiquadEQ::reset() noexcept
@@ -76,25 +111,49 @@ void BiquadEQ::reset() noexcept
     std::fill(state.get(), state.get() + 2 * channelCount * bandCount, 0.0f);
 }
 
-void BiquadEQ::filterChannel(float* samples, int64_t frames, int64_t stride, const AtomicSection* bank,
-                             float* channelState) noexcept
+void BiquadEQ::loadPublishedBank() noexcept
+{
+    int64_t bank = activeBank.load(std::memory_order_acquire);
+    for (;;) {
+        bankInUse.store(bank, std::memory_order_seq_cst);
+        const int64_t again = activeBank.load(std::memory_order_seq_cst);
+        if (again == bank)
+            break;
+        bank = again; // republished meanwhile: take the newer bank
+    }
+    const AtomicSection* published = &coefficients[static_cast<size_t>(bank * bandCount)];
+    for (int64_t b = 0; b < bandCount; ++b) {
+        blockBank[b] = { published[b].b0.load(std::memory_order_relaxed),
+                         published[b].b1.load(std::memory_order_relaxed),
+                         published[b].b2.load(std::memory_order_relaxed),
+                         published[b].a1.load(std::memory_order_relaxed),
+                         published[b].a2.load(std::memory_order_relaxed) };
+    }
+    bankInUse.store(-1, std::memory_order_release);
+}
+
+BiquadEQ::BlockGains BiquadEQ::loadGains() const noexcept
+{
+    return { makeupGain.load(std::memory_order_relaxed) * outputGain.load(std::memory_order_relaxed),
+             limiterAttack.load(std::memory_order_relaxed), limiterRelease.load(std::memory_order_relaxed) };
+}
+
+// --- Plain loops ----------------------------------------------------------
+
+void BiquadEQ::filterChannel(float* samples, int64_t frames, int64_t stride, float* channelState) noexcept
 {
     for (int64_t b = 0; b < bandCount; ++b) {
-        const float b0 = bank[b].b0.load(std::memory_order_relaxed);
-        const float b1 = bank[b].b1.load(std::memory_order_relaxed);
-        const float b2 = bank[b].b2.load(std::memory_order_relaxed);
-        if (b0 == 1.0f && b1 == 0.0f && b2 == 0.0f)
+        const Section s = blockBank[b];
+        if (s.isIdentity())
             continue;
-        const float a1 = bank[b].a1.load(std::memory_order_relaxed);
-        const float a2 = bank[b].a2.load(std::memory_order_relaxed);
         float z1 = channelState[2 * b];
         float z2 = channelState[2 * b + 1];
         float* x = samples;
         for (int64_t n = 0; n < frames; ++n, x += stride) {
             const float in = *x;
-            const float y = z1 + b0 * in;
-            z1 = z2 + (b1 * in - a1 * y);
-            z2 = b2 * in - a2 * y;
+            const float y = z1 + s.b0 * in;
+            z1 = z2 + (s.b1 * in - s.a1 * y);
+            z2 = s.b2 * in - s.a2 * y;
             *x = y;
         }
         channelState[2 * b] = z1;
@@ -102,75 +161,347 @@ void BiquadEQ::filterChannel(float* samples, int64_t frames, int64_t stride, con
     }
 }
 
-void BiquadEQ::processInterleaved(float* buffer, int64_t frames, int64_t channels) noexcept
+void BiquadEQ::filterInterleavedScalar(float* buffer, int64_t frames, int64_t channels) noexcept
+{
+    const int64_t filtered = std::min(channelCount, channels);
+    for (int64_t c = 0; c < filtered; ++c)
+        filterChannel(buffer + c, frames, channels, &state[static_cast<size_t>(2 * c * bandCount)]);
+}
+
+void BiquadEQ::processInterleavedScalar(float* buffer, int64_t frames, int64_t channels) noexcept
 {
     if (frames <= 0)
         return;
-    const AtomicSection* bank = &coefficients[static_cast<size_t>(activeBank.load(std::memory_order_acquire) * bandCount)];
-    const int64_t filtered = std::min(channelCount, channels);
-    for (int64_t c = 0; c < filtered; ++c)
-        filterChannel(buffer + c, frames, channels, bank, &state[static_cast<size_t>(2 * c * bandCount)]);
+    loadPublishedBank();
+    filterInterleavedScalar(buffer, frames, channels);
     limitInterleaved(buffer, frames, channels);
 }
 
 void BiquadEQ::limitInterleaved(float* buffer, int64_t frames, int64_t channels) noexcept
 {
-    const float g = makeupGain.load(std::memory_order_relaxed) * outputGain.load(std::memory_order_relaxed);
-    const float attack = limiterAttack.load(std::memory_order_relaxed);
-    const float release = limiterRelease.load(std::memory_order_relaxed);
+    const BlockGains k = loadGains();
     float e = limiterEnvelope;
     for (int64_t n = 0; n < frames; ++n) {
         float* frame = buffer + n * channels;
         float peak = 0.0f;
         for (int64_t c = 0; c < channels; ++c) {
-            frame[c] *= g;
-            peak = std::max(peak, std::abs(frame[c]));
+            frame[c] *= k.gain;
+            peak = peakWith(peak, frame[c]);
         }
-        const float coef = e < peak ? attack : release;
+        const float coef = e < peak ? k.attack : k.release;
         e = e * coef + (1.0f - coef) * peak;
         if (e > limiterCeiling) {
             const float scale = limiterCeiling / e;
             for (int64_t c = 0; c < channels; ++c)
                 frame[c] *= scale;
         }
-        for (int64_t c = 0; c < channels; ++c) {
-            const float v = frame[c];
-            // A NaN compares false both ways and becomes +hardCeiling.
-            frame[c] = v >= -hardCeiling ? (v <= hardCeiling ? v : hardCeiling) : (v < -hardCeiling ? -hardCeiling : hardCeiling);
-        }
+        for (int64_t c = 0; c < channels; ++c)
+            frame[c] = clampSample(frame[c], hardCeiling);
     }
     limiterEnvelope = e;
 }
 
-void BiquadEQ::processPlanar(float* left, float* right, int64_t frames) noexcept
+void BiquadEQ::processPlanarScalar(float* left, float* right, int64_t frames) noexcept
 {
     if (frames <= 0)
         return;
-    const AtomicSection* bank = &coefficients[static_cast<size_t>(activeBank.load(std::memory_order_acquire) * bandCount)];
-    if (channelCount >= 1)
-        filterChannel(left, frames, 1, bank, &state[0]);
-    if (channelCount >= 2)
-        filterChannel(right, frames, 1, bank, &state[static_cast<size_t>(2 * bandCount)]);
+    loadPublishedBank();
+    planarScalar(left, right, frames);
+}
 
-    const float g = makeupGain.load(std::memory_order_relaxed) * outputGain.load(std::memory_order_relaxed);
-    const float attack = limiterAttack.load(std::memory_order_relaxed);
-    const float release = limiterRelease.load(std::memory_order_relaxed);
+void BiquadEQ::planarScalar(float* left, float* right, int64_t frames) noexcept
+{
+    if (channelCount >= 1)
+        filterChannel(left, frames, 1, &state[0]);
+    if (channelCount >= 2)
+        filterChannel(right, frames, 1, &state[static_cast<size_t>(2 * bandCount)]);
+
+    const BlockGains k = loadGains();
     float e = limiterEnvelope;
     for (int64_t n = 0; n < frames; ++n) {
-        float l = left[n] * g;
-        float r = right[n] * g;
-        const float peak = std::max(std::abs(l), std::abs(r));
-        const float coef = e < peak ? attack : release;
+        float l = left[n] * k.gain;
+        float r = right[n] * k.gain;
+        const float peak = peakWith(peakWith(0.0f, l), r);
+        const float coef = e < peak ? k.attack : k.release;
         e = e * coef + (1.0f - coef) * peak;
         if (e > limiterCeiling) {
             const float scale = limiterCeiling / e;
             l *= scale;
             r *= scale;
         }
-        left[n] = l >= -hardCeiling ? (l <= hardCeiling ? l : hardCeiling) : (l < -hardCeiling ? -hardCeiling : hardCeiling);
-        right[n] = r >= -hardCeiling ? (r <= hardCeiling ? r : hardCeiling) : (r < -hardCeiling ? -hardCeiling : hardCeiling);
+        left[n] = clampSample(l, hardCeiling);
+        right[n] = clampSample(r, hardCeiling);
     }
     limiterEnvelope = e;
+}
+
+// --- Stereo kernel ----------------------------------------------------------
+//
+// The cascade is a chain of recurrences, each of which waits on its own
+// previous output, so one band at a time leaves the processor idle. Here the
+// bands run overlapped in time: at step t, active band k works on frame t - k,
+// taking band k-1's output of the previous step. Two bands share one register
+// as (band 2j: left, right | band 2j+1: left, right), so five bands need three
+// registers per operation. The limiter runs in the same loop on the frame
+// leaving the last band. Every lane does exactly the scalar operations in the
+// scalar order, so results are bit-identical; the first and last K-1 steps of
+// a block keep the state of bands that have no frame yet (or any more).
+
+#if SORVA_STEREO_KERNEL
+namespace {
+
+constexpr int maxKernelBands = 8;
+
+struct InterleavedStereo {
+    float* frames;
+    __m128 load(int64_t n) const
+    {
+        return _mm_castsi128_ps(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(frames + 2 * n)));
+    }
+    void store(int64_t n, __m128 v) const
+    {
+        _mm_storel_epi64(reinterpret_cast<__m128i*>(frames + 2 * n), _mm_castps_si128(v));
+    }
+};
+
+struct PlanarStereo {
+    float* left;
+    float* right;
+    __m128 load(int64_t n) const { return _mm_unpacklo_ps(_mm_load_ss(left + n), _mm_load_ss(right + n)); }
+    void store(int64_t n, __m128 v) const
+    {
+        _mm_store_ss(left + n, v);
+        _mm_store_ss(right + n, _mm_shuffle_ps(v, v, _MM_SHUFFLE(1, 1, 1, 1)));
+    }
+};
+
+struct KernelJob {
+    const BiquadEQ::Section* sections[maxKernelBands]; // active sections in band order
+    float* leftState[maxKernelBands]; // (z1, z2) of each active band
+    float* rightState[maxKernelBands];
+    float gain, attack, release;
+    float* envelope;
+    float limiterCeiling, hardCeiling;
+};
+
+inline __m128 select(__m128 mask, __m128 ifTrue, __m128 ifFalse)
+{
+    return _mm_or_ps(_mm_and_ps(mask, ifTrue), _mm_andnot_ps(mask, ifFalse));
+}
+
+template <int K, typename IO>
+void runStereoKernel(const KernelJob& job, IO io, int64_t frames) noexcept
+{
+    constexpr int R = (K + 1) / 2; // registers per quantity
+    constexpr int lag = K > 0 ? K - 1 : 0; // steps from a frame's entry to its exit
+    constexpr int R1 = R > 0 ? R : 1; // array sizes must be positive
+
+    __m128 b0[R1], b1[R1], b2[R1], a1[R1], a2[R1], z1[R1], z2[R1], y[R1];
+    auto lane = [&](int k, auto field) { return k < K ? field(k) : 0.0f; };
+#pragma GCC unroll 4
+    for (int j = 0; j < R; ++j) {
+        const int lo = 2 * j, hi = 2 * j + 1;
+        auto coefficient = [&](float BiquadEQ::Section::*member) {
+            const float l = lane(lo, [&](int k) { return job.sections[k]->*member; });
+            const float h = lane(hi, [&](int k) { return job.sections[k]->*member; });
+            return _mm_setr_ps(l, l, h, h);
+        };
+        b0[j] = coefficient(&BiquadEQ::Section::b0);
+        b1[j] = coefficient(&BiquadEQ::Section::b1);
+        b2[j] = coefficient(&BiquadEQ::Section::b2);
+        a1[j] = coefficient(&BiquadEQ::Section::a1);
+        a2[j] = coefficient(&BiquadEQ::Section::a2);
+        auto stateOf = [&](int i) {
+            return _mm_setr_ps(lane(lo, [&](int k) { return job.leftState[k][i]; }),
+                               lane(lo, [&](int k) { return job.rightState[k][i]; }),
+                               lane(hi, [&](int k) { return job.leftState[k][i]; }),
+                               lane(hi, [&](int k) { return job.rightState[k][i]; }));
+        };
+        z1[j] = stateOf(0);
+        z2[j] = stateOf(1);
+        y[j] = _mm_setzero_ps();
+    }
+
+    const __m128 gain = _mm_set1_ps(job.gain);
+    const __m128 attack = _mm_set_ss(job.attack);
+    const __m128 release = _mm_set_ss(job.release);
+    // (1 - coef) is the same float whichever way it is obtained, so it is
+    // computed once per block.
+    const __m128 attackRest = _mm_set_ss(1.0f - job.attack);
+    const __m128 releaseRest = _mm_set_ss(1.0f - job.release);
+    const __m128 ceiling = _mm_set_ss(job.limiterCeiling);
+    const __m128 one = _mm_set_ss(1.0f);
+    const __m128 clipHigh = _mm_set1_ps(job.hardCeiling);
+    const __m128 clipLow = _mm_set1_ps(-job.hardCeiling);
+    const __m128 magnitudeMask = _mm_castsi128_ps(_mm_set1_epi32(0x7fffffff));
+    const __m128 zero = _mm_setzero_ps();
+    __m128 e = _mm_set_ss(*job.envelope);
+
+    auto limitAndStore = [&](int64_t n, __m128 v) {
+        v = _mm_mul_ps(v, gain);
+        const __m128 magnitude = _mm_and_ps(v, magnitudeMask);
+        // peak = 0, then for each channel: |s| > peak ? |s| : peak. maxps
+        // returns its second operand when either is NaN, as the scalar loop.
+        const __m128 leftPeak = _mm_max_ps(magnitude, zero);
+        const __m128 peak = _mm_max_ss(_mm_shuffle_ps(magnitude, magnitude, _MM_SHUFFLE(1, 1, 1, 1)), leftPeak);
+        // Both candidate envelopes, then the one the comparison picks: keeps
+        // the comparison off the envelope's dependency chain.
+        const __m128 rising = _mm_cmplt_ss(e, peak);
+        const __m128 up = _mm_add_ss(_mm_mul_ss(e, attack), _mm_mul_ss(attackRest, peak));
+        const __m128 down = _mm_add_ss(_mm_mul_ss(e, release), _mm_mul_ss(releaseRest, peak));
+        e = select(rising, up, down);
+        // Scaling by exactly 1 leaves every value (NaN, -0, denormals) as it is.
+        const __m128 over = _mm_cmplt_ss(ceiling, e);
+        __m128 scale = select(over, _mm_div_ss(ceiling, e), one);
+        scale = _mm_shuffle_ps(scale, scale, _MM_SHUFFLE(0, 0, 0, 0));
+        v = _mm_mul_ps(v, scale);
+        // min first: a NaN sample yields the second operand, +ceiling.
+        v = _mm_max_ps(_mm_min_ps(v, clipHigh), clipLow);
+        io.store(n, v);
+    };
+
+    auto step = [&](int64_t t, bool edge) {
+        const __m128 in = t < frames ? io.load(t) : zero;
+        if constexpr (K == 0) {
+            limitAndStore(t, in);
+        } else {
+            __m128 x[R];
+            x[0] = _mm_shuffle_ps(in, y[0], _MM_SHUFFLE(1, 0, 1, 0));
+#pragma GCC unroll 4
+            for (int j = 1; j < R; ++j)
+                x[j] = _mm_shuffle_ps(y[j - 1], y[j], _MM_SHUFFLE(1, 0, 3, 2));
+#pragma GCC unroll 4
+            for (int j = 0; j < R; ++j) {
+                const __m128 out = _mm_add_ps(z1[j], _mm_mul_ps(b0[j], x[j]));
+                const __m128 nextZ1 = _mm_add_ps(z2[j], _mm_sub_ps(_mm_mul_ps(b1[j], x[j]), _mm_mul_ps(a1[j], out)));
+                const __m128 nextZ2 = _mm_sub_ps(_mm_mul_ps(b2[j], x[j]), _mm_mul_ps(a2[j], out));
+                if (edge) {
+                    // Band k has a frame at step t only if 0 <= t - k < frames.
+                    auto active = [&](int k) { return k < K && t - k >= 0 && t - k < frames ? -1 : 0; };
+                    const int lo = active(2 * j), hi = active(2 * j + 1);
+                    const __m128 mask = _mm_castsi128_ps(_mm_setr_epi32(lo, lo, hi, hi));
+                    z1[j] = select(mask, nextZ1, z1[j]);
+                    z2[j] = select(mask, nextZ2, z2[j]);
+                } else {
+                    z1[j] = nextZ1;
+                    z2[j] = nextZ2;
+                }
+                y[j] = out;
+            }
+            if (t >= lag) {
+                constexpr int last = (K - 1) / 2;
+                const __m128 out = (K - 1) % 2 == 0 ? y[last] : _mm_movehl_ps(y[last], y[last]);
+                limitAndStore(t - lag, out);
+            }
+        }
+    };
+
+    const int64_t steps = frames + lag;
+    const int64_t steadyBegin = std::min<int64_t>(lag, frames);
+    const int64_t steadyEnd = std::max<int64_t>(frames, steadyBegin);
+    int64_t t = 0;
+    for (; t < steadyBegin; ++t)
+        step(t, true);
+    for (; t < steadyEnd; ++t)
+        step(t, false);
+    for (; t < steps; ++t)
+        step(t, true);
+
+    *job.envelope = _mm_cvtss_f32(e);
+#pragma GCC unroll 4
+    for (int j = 0; j < R; ++j) {
+        alignas(16) float first[4], second[4];
+        _mm_store_ps(first, z1[j]);
+        _mm_store_ps(second, z2[j]);
+        for (int half = 0; half < 2; ++half) {
+            const int k = 2 * j + half;
+            if (k >= K)
+                break;
+            job.leftState[k][0] = first[2 * half];
+            job.rightState[k][0] = first[2 * half + 1];
+            job.leftState[k][1] = second[2 * half];
+            job.rightState[k][1] = second[2 * half + 1];
+        }
+    }
+}
+
+template <typename IO>
+void dispatchStereoKernel(int count, const KernelJob& job, IO io, int64_t frames) noexcept
+{
+    switch (count) {
+    case 0: runStereoKernel<0>(job, io, frames); break;
+    case 1: runStereoKernel<1>(job, io, frames); break;
+    case 2: runStereoKernel<2>(job, io, frames); break;
+    case 3: runStereoKernel<3>(job, io, frames); break;
+    case 4: runStereoKernel<4>(job, io, frames); break;
+    case 5: runStereoKernel<5>(job, io, frames); break;
+    case 6: runStereoKernel<6>(job, io, frames); break;
+    case 7: runStereoKernel<7>(job, io, frames); break;
+    case 8: runStereoKernel<8>(job, io, frames); break;
+    default: break;
+    }
+}
+
+} // namespace
+#endif
+
+// Runs the stereo kernel if it applies (two filtered channels, at most
+// maxKernelBands active sections); false means the caller takes the plain
+// loops. Expects blockBank to be loaded.
+bool BiquadEQ::processStereoFast([[maybe_unused]] float* left, [[maybe_unused]] float* right,
+                                 [[maybe_unused]] int64_t stride, [[maybe_unused]] int64_t frames) noexcept
+{
+#if SORVA_STEREO_KERNEL
+    if (channelCount < 2)
+        return false;
+    KernelJob job {};
+    int count = 0;
+    for (int64_t b = 0; b < bandCount; ++b) {
+        if (blockBank[b].isIdentity())
+            continue;
+        if (count == maxKernelBands)
+            return false;
+        job.sections[count] = &blockBank[b];
+        job.leftState[count] = &state[static_cast<size_t>(2 * b)];
+        job.rightState[count] = &state[static_cast<size_t>(2 * (bandCount + b))];
+        ++count;
+    }
+    const BlockGains k = loadGains();
+    job.gain = k.gain;
+    job.attack = k.attack;
+    job.release = k.release;
+    job.envelope = &limiterEnvelope;
+    job.limiterCeiling = limiterCeiling;
+    job.hardCeiling = hardCeiling;
+    if (stride == 2 && right == left + 1)
+        dispatchStereoKernel(count, job, InterleavedStereo { left }, frames);
+    else
+        dispatchStereoKernel(count, job, PlanarStereo { left, right }, frames);
+    return true;
+#else
+    return false;
+#endif
+}
+
+void BiquadEQ::processInterleaved(float* buffer, int64_t frames, int64_t channels) noexcept
+{
+    if (frames <= 0)
+        return;
+    loadPublishedBank();
+    if (channels == 2 && processStereoFast(buffer, buffer + 1, 2, frames))
+        return;
+    filterInterleavedScalar(buffer, frames, channels);
+    limitInterleaved(buffer, frames, channels);
+}
+
+void BiquadEQ::processPlanar(float* left, float* right, int64_t frames) noexcept
+{
+    if (frames <= 0)
+        return;
+    loadPublishedBank();
+    if (processStereoFast(left, right, 1, frames))
+        return;
+    planarScalar(left, right, frames);
 }
 
 } // namespace sorva

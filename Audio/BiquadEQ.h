@@ -4,10 +4,19 @@
 //
 // Threads: update() runs on the main thread (calls never overlap); the process
 // operations and reset() run on the audio thread (reset also before the IO
-// callback is installed). Nothing is locked: update() writes the inactive
-// coefficient bank and publishes it by storing activeBank last (release); the
-// audio thread reads activeBank once per block (acquire). The process
-// operations allocate nothing and make no system calls.
+// callback is installed). The audio thread never waits: update() writes the
+// inactive coefficient bank and publishes it by storing activeBank last; each
+// block copies the published bank once at its start. update() itself waits
+// (for the few nanoseconds of that copy) rather than overwrite a bank the
+// audio thread is copying, so a block never mixes two configurations. The
+// process operations allocate nothing and make no system calls.
+//
+// Stereo (interleaved with two channels, or planar) with up to eight
+// non-flat bands runs in a kernel that keeps both channels in one SSE
+// register and overlaps the bands in time; every band does exactly the
+// scalar arithmetic, so its output is bit-identical to the plain loops
+// (processInterleavedScalar / processPlanarScalar), which handle every other
+// case and are kept callable so tests and benchmarks can compare the two.
 #pragma once
 
 #include "Models/EQBand.h"
@@ -23,6 +32,7 @@ class BiquadEQ {
 public:
     struct Section {
         float b0 = 1, b1 = 0, b2 = 0, a1 = 0, a2 = 0;
+        // Identity sections are skipped at run time (their state is left as is).
         bool isIdentity() const { return b0 == 1.0f && b1 == 0.0f && b2 == 0.0f; }
     };
 
@@ -37,6 +47,11 @@ public:
     void processInterleaved(float* buffer, int64_t frames, int64_t channels) noexcept;
     void processPlanar(float* left, float* right, int64_t frames) noexcept;
 
+    // The same operations always through the plain per-band loops, in the
+    // order the filter is defined by. Same contract as above.
+    void processInterleavedScalar(float* buffer, int64_t frames, int64_t channels) noexcept;
+    void processPlanarScalar(float* left, float* right, int64_t frames) noexcept;
+
     // Clears the filter memory and the limiter envelope; coefficients, gains
     // and the bank index stay.
     void reset() noexcept;
@@ -50,19 +65,31 @@ public:
     float currentOutputGain() const { return outputGain.load(std::memory_order_relaxed); }
     float currentLimiterAttack() const { return limiterAttack.load(std::memory_order_relaxed); }
     float currentLimiterRelease() const { return limiterRelease.load(std::memory_order_relaxed); }
+    // Audio thread (or when it is not running).
     float envelope() const { return limiterEnvelope; }
 
 private:
     // One coefficient word, readable by the audio thread while the main thread
-    // writes the other bank. Relaxed: the activeBank release/acquire pair orders
-    // the bank's contents.
+    // writes the other bank. Relaxed: the activeBank publication orders the
+    // bank's contents.
     struct AtomicSection {
         std::atomic<float> b0 { 1 }, b1 { 0 }, b2 { 0 }, a1 { 0 }, a2 { 0 };
     };
 
+    struct BlockGains {
+        float gain; // makeupGain x outputGain
+        float attack;
+        float release;
+    };
+
+    // Copies the published bank into blockBank (audio thread).
+    void loadPublishedBank() noexcept;
+    BlockGains loadGains() const noexcept;
+    bool processStereoFast(float* left, float* right, int64_t stride, int64_t frames) noexcept;
+    void filterInterleavedScalar(float* buffer, int64_t frames, int64_t channels) noexcept;
+    void planarScalar(float* left, float* right, int64_t frames) noexcept;
     void limitInterleaved(float* buffer, int64_t frames, int64_t channels) noexcept;
-    void filterChannel(float* samples, int64_t frames, int64_t stride, const AtomicSection* bank,
-                       float* channelState) noexcept;
+    void filterChannel(float* samples, int64_t frames, int64_t stride, float* channelState) noexcept;
 
     const int64_t bandCount;
     const int64_t channelCount;
@@ -76,6 +103,11 @@ private:
     std::atomic<float> limiterRelease { 0.0f };
     static constexpr float limiterCeiling = 0.99f;
     static constexpr float hardCeiling = 0.995f;
+
+    // The bank the audio thread is copying right now, or -1.
+    std::atomic<int64_t> bankInUse { -1 };
+    // The current block's coefficients (audio thread only), bandCount sections.
+    std::unique_ptr<Section[]> blockBank;
 };
 
 } // namespace sorva

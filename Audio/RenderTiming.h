@@ -1,0 +1,48 @@
+// Measures each IO callback: how long it worked, how long the gap since the
+// previous one was, and how many callbacks came late (their gap exceeded one
+// and a half expected periods, reckoned at 48 frames per millisecond).
+//
+// Threads: record() on the audio thread as the callback's last step,
+// snapshot() on the main thread. The fields are guarded by lock, held for a
+// few loads, stores and arithmetic operations.
+#pragma once
+
+#include "Platform/HostClock.h"
+#include "Platform/UnfairLock.h"
+
+#include <cstdint>
+
+namespace sorva {
+
+class RenderTiming {
+public:
+    struct Snapshot {
+        int64_t callbacks = 0;
+        int64_t lateCallbacks = 0;
+        double maxGapMs = 0.0;
+        double maxWorkMs = 0.0;
+    };
+
+    RenderTiming();
+
+    // Host-clock ticks at the callback's start and end, and its frame count.
+    // A clock that ever ran backwards counts as no time having passed.
+    void record(uint64_t began, uint64_t ended, int64_t frames) noexcept;
+
+    // The figures since the previous snapshot; all four start again from 0.
+    // The end of the last callback is kept, so the next gap is still measured.
+    Snapshot snapshot() noexcept;
+
+private:
+    double milliseconds(uint64_t from, uint64_t to) const noexcept;
+
+    UnfairLock lock;
+    HostTimebase timebase;
+    uint64_t lastCallbackEnd = 0; // host ticks; 0 before the first callback
+    double maxGapMs = 0.0;
+    double maxWorkMs = 0.0;
+    int64_t lateCallbacks = 0;
+    int64_t callbacks = 0;
+};
+
+} // namespace sorva

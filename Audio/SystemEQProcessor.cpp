@@ -1,0 +1,415 @@
+#include "Audio/SystemEQProcessor.h"
+
+#include "Audio/DecimalText.h"
+#include "Audio/EQLog.h"
+#include "Audio/OutputDevice.h"
+#include "Platform/HostClock.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstdlib>
+#include <cstring>
+#include <limits>
+#include <thread>
+#include <unistd.h>
+
+namespace sorva {
+
+namespace {
+
+constexpr uint64_t settleNanoseconds = 3'000'000'000ull; // device changes right after start are dropped
+constexpr std::chrono::milliseconds fadeOutWait { 150 };
+
+// "SORVA_IOBUF": an unsigned 32-bit decimal, optionally signed as the standard
+// integer parse allows ("+256"; "-0"). Anything else is no request.
+std::optional<uint32_t> parseBufferRequest(const char* text)
+{
+    if (text == nullptr || *text == '\0')
+        return std::nullopt;
+    const char* digits = text;
+    bool negative = false;
+    if (*digits == '+' || *digits == '-') {
+        negative = *digits == '-';
+        ++digits;
+    }
+    if (*digits == '\0')
+        return std::nullopt;
+    uint64_t value = 0;
+    for (const char* c = digits; *c != '\0'; ++c) {
+        if (*c < '0' || *c > '9')
+            return std::nullopt;
+        value = value * 10 + static_cast<uint64_t>(*c - '0');
+        if (value > std::numeric_limits<uint32_t>::max())
+            return std::nullopt;
+    }
+    if (negative && value != 0)
+        return std::nullopt;
+    return static_cast<uint32_t>(value);
+}
+
+// The current default output device, or 0 when it cannot be read.
+AudioObjectID currentDefaultDevice(AudioHardware& hardware)
+{
+    AudioObjectID device = kAudioObjectUnknown;
+    if (hardware.defaultOutputDevice(device) != kAudioHardwareNoError)
+        return kAudioObjectUnknown;
+    return device;
+}
+
+} // namespace
+
+SystemEQProcessor::SystemEQProcessor(int64_t bandCount, AudioHardware& audioHardware, MainExecutor& executor,
+                                     Wait waitFunction, NanosecondClock nanosecondClock)
+    : hardware(audioHardware)
+    , mainExecutor(executor)
+    , wait(waitFunction ? std::move(waitFunction)
+                        : Wait([](std::chrono::nanoseconds duration) { std::this_thread::sleep_for(duration); }))
+    , clock(nanosecondClock ? std::move(nanosecondClock) : NanosecondClock(monotonicNanoseconds))
+    , tapUUID(makeUuid())
+    , eq(bandCount, 2)
+    , recorder(12.0, 2, 48000.0, executor)
+    , diagnosticScratch(new float[diagnosticScratchCapacity]())
+{
+}
+
+SystemEQProcessor::~SystemEQProcessor()
+{
+    stop();
+    // diagnosticScratch is freed with the members, after the IO procedure that
+    // wrote it has been destroyed by stop().
+}
+
+AudioObjectID SystemEQProcessor::translatePIDToProcessObject(AudioHardware& hardware, int32_t pid)
+{
+    AudioObjectID process = kAudioObjectUnknown;
+    const OSStatus status = hardware.translatePIDToProcessObject(pid, process);
+    if (status != kAudioHardwareNoError)
+        throw AudioTapError::osStatus("TranslatePIDToProcessObject", status);
+    return process;
+}
+
+std::optional<std::string> SystemEQProcessor::deviceUID(AudioHardware& hardware, AudioObjectID device)
+{
+    return OutputDevice::deviceUID(hardware, device);
+}
+
+// --- Start -------------------------------------------------------------------
+
+void SystemEQProcessor::start(const std::vector<EQBand>& bands, double outputGainDB)
+{
+    AudioObjectID device = kAudioObjectUnknown;
+    if (hardware.defaultOutputDevice(device) != kAudioHardwareNoError || device == kAudioObjectUnknown)
+        throw AudioTapError::osStatus("No default output device", -1);
+    const std::optional<std::string> outputUID = deviceUID(hardware, device);
+    if (!outputUID)
+        throw AudioTapError::osStatus("No default output device", -1);
+    outputDeviceName = OutputDevice::name(hardware, device);
+
+    double rate = 0.0;
+    sampleRate = (hardware.nominalSampleRate(device, rate) == kAudioHardwareNoError && rate > 0.0) ? rate : 48000.0;
+
+    startedDeviceID = device;
+    startedAt = clock();
+
+    createTap();
+    createAggregate(*outputUID);
+
+    if (const std::optional<uint32_t> request = parseBufferRequest(std::getenv("SORVA_IOBUF"))) {
+        const OSStatus status = hardware.setBufferFrameSize(aggregateID, *request);
+        EQLog::trace("IO buffer request " + std::to_string(*request) + " frames -> status " + std::to_string(status));
+    }
+
+    eq.reset();
+    eq.update(bands, outputGainDB, sampleRate);
+
+    fade.start(static_cast<int64_t>(sampleRate * 0.15), 1.0f);
+
+    startIOProc();
+    installListeners(device);
+
+    const std::string name = outputDeviceName;
+    const std::string rateText = decimalText(sampleRate);
+    std::optional<std::filesystem::path> directory = EQLog::diagnosticsDirectory();
+    // Without a safe temporary folder there is nowhere to write captures.
+    if (directory)
+        recorder.startContinuousCapture(*directory, 60.0, 20, [name, rateText] {
+            return "Architecture: single-device\nOutput device: " + name + "\nSample rate: " + rateText + " Hz";
+        });
+
+    EQLog::trace("single-device processor started — output " + outputDeviceName + " @ " + rateText + " Hz");
+}
+
+void SystemEQProcessor::createTap()
+{
+    const AudioObjectID own = translatePIDToProcessObject(hardware, static_cast<int32_t>(::getpid()));
+
+    std::optional<TapDescription> description;
+    if (const char* only = std::getenv("SORVA_TAP_ONLY_BUNDLE_ID")) {
+        const std::string wanted = only;
+        for (const RunningApplication& application : hardware.runningApplications()) {
+            if (application.bundleIdentifier != wanted)
+                continue;
+            const int32_t pid = application.processIdentifier;
+            const AudioObjectID process = translatePIDToProcessObject(hardware, pid);
+            description = TapDescription::stereoMixdownOfProcesses({ process });
+            EQLog::trace([pid] {
+                const char* still = std::getenv("SORVA_TAP_ONLY_BUNDLE_ID");
+                return "TEST MODE — tapping only pid " + std::to_string(pid) + " for "
+                    + (still ? std::string(still) : std::string("?"));
+            });
+            break;
+        }
+    }
+    if (!description)
+        description = TapDescription::stereoGlobalTapButExcludeProcesses({ own });
+
+    description->uuid = tapUUID;
+    description->name = "SORVA System Tap";
+    description->isPrivate = true;
+    description->muteBehavior = TapDescription::MuteBehavior::mutedWhenTapped;
+
+    AudioObjectID tap = kAudioObjectUnknown;
+    const OSStatus status = hardware.createProcessTap(*description, tap);
+    if (status == kAudioHardwarePermissionDenied || status == 1)
+        throw AudioTapError::permissionDenied();
+    if (status != kAudioHardwareNoError)
+        throw AudioTapError::osStatus("AudioHardwareCreateProcessTap", status);
+    tapID = tap;
+}
+
+void SystemEQProcessor::createAggregate(const std::string& outputUID)
+{
+    AggregateDescription description;
+    description.name = "SORVA Output";
+    description.uid = "com.sorva.app.aggregate";
+    description.isPrivate = true;
+    description.isStacked = false;
+    description.tapAutoStart = true;
+    // The output device is the clock source and contributes no input; the tap
+    // is drift-compensated against it.
+    description.mainSubDevice = outputUID;
+    description.subDevices = { AggregateDescription::SubDevice { outputUID, 0 } };
+    std::string uuid = tapUUID;
+    std::transform(uuid.begin(), uuid.end(), uuid.begin(), [](unsigned char c) { return static_cast<char>(std::toupper(c)); });
+    description.taps = { AggregateDescription::SubTap { uuid, true } };
+
+    AudioObjectID device = kAudioObjectUnknown;
+    const OSStatus status = hardware.createAggregateDevice(description, device);
+    if (status != kAudioHardwareNoError) {
+        stop();
+        throw AudioTapError::osStatus("AudioHardwareCreateAggregateDevice", status);
+    }
+    aggregateID = device;
+}
+
+void SystemEQProcessor::startIOProc()
+{
+    ioContext.reset(new IOCycleContext {
+        {}, stats, diagnosticScratchCapacity, diagnosticScratch.get(), gate, sampleRate, eq, recorder, timing, fade,
+        spectrum });
+
+    AudioDeviceIOProcID procID = 0;
+    const OSStatus created = hardware.createIOProcID(aggregateID, &SystemEQProcessor::ioProc, ioContext.get(), procID);
+    if (created != kAudioHardwareNoError || procID == 0) {
+        stop();
+        throw AudioTapError::osStatus("AudioDeviceCreateIOProcIDWithBlock", created);
+    }
+    ioProcID = procID;
+
+    const OSStatus started = hardware.startDevice(aggregateID, ioProcID);
+    if (started != kAudioHardwareNoError) {
+        stop();
+        throw AudioTapError::osStatus("AudioDeviceStart", started);
+    }
+}
+
+// --- Listeners ------------------------------------------------------------------
+
+void SystemEQProcessor::installListeners(AudioObjectID device)
+{
+    listenerDevice = device;
+    auto listenerQueue = std::make_shared<SerialQueue>("com.sorva.app.listeners");
+
+    // The handlers work on copies only: they never read the engine, which may
+    // be gone by the time a queued handler runs.
+    AudioHardware* audioHardware = &hardware;
+    MainExecutor* executor = &mainExecutor;
+    const std::function<void()> callback = onConfigurationChange;
+
+    const double startedRate = sampleRate;
+    auto rateHandler = [audioHardware, executor, callback, startedRate] {
+        const AudioObjectID current = currentDefaultDevice(*audioHardware);
+        if (current == kAudioObjectUnknown)
+            return;
+        double rate = 0.0;
+        if (audioHardware->nominalSampleRate(current, rate) != kAudioHardwareNoError)
+            return;
+        if (rate > 0.0 && std::fabs(rate - startedRate) > 1.0) {
+            EQLog::trace("output sample rate changed — rebuilding");
+            executor->post([callback] {
+                if (callback)
+                    callback();
+            });
+        }
+    };
+    AudioPropertyListenerRegistration rateRegistration;
+    if (hardware.addPropertyListener(device, { kAudioDevicePropertyNominalSampleRate }, listenerQueue, rateHandler,
+                                     rateRegistration)
+        == kAudioHardwareNoError)
+        rateListener = rateRegistration;
+
+    const uint64_t deadline = startedAt + settleNanoseconds;
+    const AudioObjectID started = startedDeviceID;
+    NanosecondClock now = clock;
+    auto deviceHandler = [audioHardware, executor, callback, deadline, started, now] {
+        if (now() <= deadline)
+            return; // dropped, not postponed: the switch that belongs to our own start settles first
+        const AudioObjectID current = currentDefaultDevice(*audioHardware);
+        if (current == kAudioObjectUnknown)
+            return;
+        if (current != started) {
+            EQLog::trace("default output device changed — rebuilding");
+            executor->post([callback] {
+                if (callback)
+                    callback();
+            });
+        }
+    };
+    AudioPropertyListenerRegistration deviceRegistration;
+    if (hardware.addPropertyListener(kAudioObjectSystemObject, { kAudioHardwarePropertyDefaultOutputDevice },
+                                     listenerQueue, deviceHandler, deviceRegistration)
+        == kAudioHardwareNoError)
+        deviceListener = deviceRegistration;
+}
+
+void SystemEQProcessor::removeListeners()
+{
+    if (rateListener && listenerDevice != kAudioObjectUnknown) {
+        hardware.removePropertyListener(*rateListener);
+        rateListener.reset();
+    }
+    if (deviceListener) {
+        hardware.removePropertyListener(*deviceListener);
+        deviceListener.reset();
+    }
+    listenerDevice = kAudioObjectUnknown;
+}
+
+// --- Stop -------------------------------------------------------------------------
+
+void SystemEQProcessor::stop()
+{
+    recorder.stopContinuousCapture();
+    removeListeners();
+
+    if (ioProcID != 0) {
+        fade.start(static_cast<int64_t>(sampleRate * 0.12), -1.0f);
+        // The render path is still running: let it play the fade-out to silence.
+        wait(fadeOutWait);
+        if (ioProcID != 0 && aggregateID != kAudioObjectUnknown) {
+            hardware.stopDevice(aggregateID, ioProcID);
+            hardware.destroyIOProcID(aggregateID, ioProcID);
+            ioProcID = 0;
+            ioContext.reset();
+        }
+    }
+    if (aggregateID != kAudioObjectUnknown) {
+        hardware.destroyAggregateDevice(aggregateID);
+        aggregateID = kAudioObjectUnknown;
+    }
+    if (tapID != kAudioObjectUnknown) {
+        hardware.destroyProcessTap(tapID);
+        tapID = kAudioObjectUnknown;
+    }
+    // A context whose procedure never got registered.
+    if (ioProcID == 0)
+        ioContext.reset();
+}
+
+// --- Render path ---------------------------------------------------------------------
+
+void SystemEQProcessor::ioProc(void* context, const AudioTimeStamp*, const AudioBufferList* input,
+                               const AudioTimeStamp*, AudioBufferList* output, const AudioTimeStamp*) noexcept
+{
+    processIOCycle(*static_cast<IOCycleContext*>(context), input, output);
+}
+
+void SystemEQProcessor::processIOCycle(IOCycleContext& context, const AudioBufferList* input,
+                                       AudioBufferList* output) noexcept
+{
+    const uint64_t began = hostTicks();
+    if (input == nullptr || output == nullptr || input->mNumberBuffers < 1 || output->mNumberBuffers < 1)
+        return;
+
+    const AudioBuffer& in = input->mBuffers[0];
+    AudioBuffer& out = output->mBuffers[0];
+
+    if (context.layoutLog.claim()) {
+        // The one line the IO thread ever logs, once per start.
+        EQLog::trace("IOProc layout — in " + std::to_string(input->mNumberBuffers) + " buf / "
+                     + std::to_string(in.mNumberChannels) + " ch / " + std::to_string(in.mDataByteSize) + " B, out "
+                     + std::to_string(output->mNumberBuffers) + " buf / " + std::to_string(out.mNumberChannels)
+                     + " ch / " + std::to_string(out.mDataByteSize) + " B");
+    }
+
+    if (in.mData == nullptr || out.mData == nullptr)
+        return;
+    const auto* inSamples = static_cast<const float*>(in.mData);
+    auto* outSamples = static_cast<float*>(out.mData);
+
+    const int64_t inCh = in.mNumberChannels;
+    const int64_t outCh = out.mNumberChannels;
+    const int64_t inFrames = in.mDataByteSize / (4 * std::max<int64_t>(1, inCh));
+    const int64_t outFrames = out.mDataByteSize / (4 * std::max<int64_t>(1, outCh));
+    const int64_t frames = std::min(inFrames, outFrames);
+    if (frames == 0)
+        return;
+
+    if (inCh == outCh) {
+        if (inSamples != outSamples)
+            std::memmove(outSamples, inSamples, static_cast<size_t>(frames * outCh) * sizeof(float));
+    } else {
+        // Mono is spread over every output channel; more channels are reduced
+        // to the first.
+        for (int64_t f = 0; f < frames; ++f) {
+            const float v = inSamples[f * inCh];
+            for (int64_t c = 0; c < outCh; ++c)
+                outSamples[f * outCh + c] = v;
+        }
+    }
+
+    const int64_t count = frames * outCh;
+    context.stats.record(outSamples, count, frames);
+
+    const bool captureDiag = outCh == 2 && count <= context.scratchCapacity;
+    if (captureDiag && context.diagnosticScratch != outSamples)
+        std::memcpy(context.diagnosticScratch, outSamples, static_cast<size_t>(count) * sizeof(float));
+
+    bool silent = true;
+    for (int64_t i = 0; i < count; ++i) {
+        if (outSamples[i] != 0.0f) { // NaN compares unequal: not silent
+            silent = false;
+            break;
+        }
+    }
+    const auto limit = static_cast<int64_t>(context.sampleRate);
+    const bool gated = context.gate.observe(silent, frames, limit);
+
+    if (!gated) {
+        context.eq.processInterleaved(outSamples, frames, outCh);
+        context.fade.apply(outSamples, frames, outCh);
+        context.spectrum.push(outSamples, frames, outCh);
+    } else {
+        // A second of exact digital silence: stop filtering and let the
+        // filter tails die, so that nothing rings on when sound returns.
+        context.eq.reset();
+        std::fill(outSamples, outSamples + count, 0.0f);
+    }
+
+    if (captureDiag)
+        context.recorder.push(context.diagnosticScratch, outSamples, frames);
+
+    context.timing.record(began, hostTicks(), frames);
+}
+
+} // namespace sorva
