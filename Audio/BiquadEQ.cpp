@@ -105,6 +105,21 @@ void BiquadEQ::update(const std::vector<EQBand>& bands, double outputGainDB, dou
     activeBank.store(target, std::memory_order_seq_cst);
 }
 
+// A single infinite or NaN input sample would otherwise stay in the filter
+// memory (every later output of that channel +0.995) or in the envelope
+// (every later frame scaled to 0) until the next reset. The block that
+// carried it comes out as computed; the next block starts from zero.
+void BiquadEQ::clearNonFinite() noexcept
+{
+    for (int64_t pair = 0; pair < channelCount * bandCount; ++pair) {
+        float* z = &state[static_cast<size_t>(2 * pair)];
+        if (!std::isfinite(z[0]) || !std::isfinite(z[1]))
+            z[0] = z[1] = 0.0f;
+    }
+    if (!std::isfinite(limiterEnvelope))
+        limiterEnvelope = 0.0f;
+}
+
 void BiquadEQ::reset() noexcept
 {
     limiterEnvelope = 0.0f;
@@ -175,6 +190,7 @@ void BiquadEQ::processInterleavedScalar(float* buffer, int64_t frames, int64_t c
     loadPublishedBank();
     filterInterleavedScalar(buffer, frames, channels);
     limitInterleaved(buffer, frames, channels);
+    clearNonFinite();
 }
 
 void BiquadEQ::limitInterleaved(float* buffer, int64_t frames, int64_t channels) noexcept
@@ -233,6 +249,7 @@ void BiquadEQ::planarScalar(float* left, float* right, int64_t frames) noexcept
         right[n] = clampSample(r, hardCeiling);
     }
     limiterEnvelope = e;
+    clearNonFinite();
 }
 
 // --- Stereo kernel ----------------------------------------------------------
@@ -350,9 +367,13 @@ void runStereoKernel(const KernelJob& job, IO io, int64_t frames) noexcept
         const __m128 up = _mm_add_ss(_mm_mul_ss(e, attack), _mm_mul_ss(attackRest, peak));
         const __m128 down = _mm_add_ss(_mm_mul_ss(e, release), _mm_mul_ss(releaseRest, peak));
         e = select(rising, up, down);
-        // Scaling by exactly 1 leaves every value (NaN, -0, denormals) as it is.
-        const __m128 over = _mm_cmplt_ss(ceiling, e);
-        __m128 scale = select(over, _mm_div_ss(ceiling, e), one);
+        // The scalar loop scales by 0.99 / e only when e > 0.99. Here every
+        // frame is scaled by min(0.99 / e, 1): for e > 0.99 the quotient is at
+        // most 1 (exactly 1 only if rounding made it so, and then both scale by
+        // 1); otherwise it is at least 1, and a NaN envelope yields the second
+        // operand, 1. Scaling by exactly 1 leaves every value (NaN, -0,
+        // denormals) as it is.
+        __m128 scale = _mm_min_ss(_mm_div_ss(ceiling, e), one);
         scale = _mm_shuffle_ps(scale, scale, _MM_SHUFFLE(0, 0, 0, 0));
         v = _mm_mul_ps(v, scale);
         // min first: a NaN sample yields the second operand, +ceiling.
@@ -477,6 +498,7 @@ bool BiquadEQ::processStereoFast([[maybe_unused]] float* left, [[maybe_unused]] 
         dispatchStereoKernel(count, job, InterleavedStereo { left }, frames);
     else
         dispatchStereoKernel(count, job, PlanarStereo { left, right }, frames);
+    clearNonFinite();
     return true;
 #else
     return false;
@@ -492,6 +514,7 @@ void BiquadEQ::processInterleaved(float* buffer, int64_t frames, int64_t channel
         return;
     filterInterleavedScalar(buffer, frames, channels);
     limitInterleaved(buffer, frames, channels);
+    clearNonFinite();
 }
 
 void BiquadEQ::processPlanar(float* left, float* right, int64_t frames) noexcept

@@ -52,6 +52,10 @@ public:
     void processInterleavedScalar(float* buffer, int64_t frames, int64_t channels) noexcept;
     void processPlanarScalar(float* left, float* right, int64_t frames) noexcept;
 
+    // Infinite or NaN input: the block that carries it is processed as usual
+    // (a NaN sample comes out as +0.995), then any filter memory or envelope
+    // left non-finite is cleared so that the next block plays normally.
+
     // Clears the filter memory and the limiter envelope; coefficients, gains
     // and the bank index stay.
     void reset() noexcept;
@@ -87,6 +91,7 @@ private:
     BlockGains loadGains() const noexcept;
     bool processStereoFast(float* left, float* right, int64_t stride, int64_t frames) noexcept;
     void filterInterleavedScalar(float* buffer, int64_t frames, int64_t channels) noexcept;
+    void clearNonFinite() noexcept;
     void planarScalar(float* left, float* right, int64_t frames) noexcept;
     void limitInterleaved(float* buffer, int64_t frames, int64_t channels) noexcept;
     void filterChannel(float* samples, int64_t frames, int64_t stride, float* channelState) noexcept;

@@ -35,10 +35,11 @@ std::optional<std::filesystem::path> preparePerUserDirectory(const std::filesyst
         return refuse("is not a directory");
     if (info.st_uid != uid)
         return refuse("is owned by another user");
-    if ((info.st_mode & 0077) != 0) {
-        // Ours but too open (an older umask, a hand-made folder): tighten it.
+    if ((info.st_mode & 07777) != 0700) {
+        // Ours but too open (an older umask, a hand-made folder), or made
+        // unwritable for us by a strict umask at creation: set it right.
         if (chmod(folder.c_str(), 0700) != 0)
-            return refuse("is accessible to other users and cannot be restricted");
+            return refuse(std::string("cannot set its mode to 0700: ") + std::strerror(errno));
     }
     return folder;
 }

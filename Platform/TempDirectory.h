@@ -1,7 +1,8 @@
 // The per-user temporary folder: $TMPDIR/sorva-<uid>, else /tmp/sorva-<uid>,
 // created with mode 0700. An existing folder is used only if it is a real
-// directory (not a symbolic link) owned by this user with no access for
-// others; otherwise it is refused and the reason goes to standard error once.
+// directory (not a symbolic link) owned by this user, and its mode is set to
+// 0700 if it differs; otherwise it is refused and the reason goes to standard
+// error once.
 // Thread-safe; the result is computed once per process (tests can override the
 // base folder with setTemporaryBaseForTesting before first use).
 #pragma once

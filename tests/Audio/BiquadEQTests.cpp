@@ -89,6 +89,16 @@ struct ReferenceEQ {
         }
     }
 
+    // Whatever infinity or NaN left in the memory is gone by the next block.
+    void recover()
+    {
+        for (size_t i = 0; i < z.size(); i += 2)
+            if (!std::isfinite(z[i]) || !std::isfinite(z[i + 1]))
+                z[i] = z[i + 1] = 0;
+        if (!std::isfinite(envelope))
+            envelope = 0;
+    }
+
     void processInterleaved(float* buffer, int64_t frames, int64_t channels)
     {
         for (int64_t c = 0; c < std::min(channels, channelCount); ++c)
@@ -99,6 +109,7 @@ struct ReferenceEQ {
                 frame[size_t(c)] = &buffer[n * channels + c];
             limitFrame(frame.data(), channels);
         }
+        recover();
     }
 
     void processPlanar(float* left, float* right, int64_t frames)
@@ -111,6 +122,7 @@ struct ReferenceEQ {
             float* frame[2] = { &left[n], &right[n] };
             limitFrame(frame, 2);
         }
+        recover();
     }
 };
 
@@ -200,6 +212,7 @@ TEST(BiquadEQ, MatchesThePlainReferenceBitForBitInEveryLayoutAndBlockSize)
         int64_t bandCount, channelCount, bufferChannels;
         std::vector<double> gains, laterGains;
         float amplitude;
+        bool specials = false; // infinities, NaN, -0, denormals, huge values
     };
     const std::vector<Case> cases = {
         { 5, 2, 2, { 6, -3, 4, -2, 5 }, { 12, 0, -8, 3, 0 }, 0.5f }, // the live case, then two flat bands
@@ -210,7 +223,11 @@ TEST(BiquadEQ, MatchesThePlainReferenceBitForBitInEveryLayoutAndBlockSize)
         { 5, 1, 2, { 6, -3, 4, -2, 5 }, { 3, 3, 3, 3, 3 }, 0.5f }, // mono filter, stereo buffer
         { 5, 2, 3, { 6, -3, 4, -2, 5 }, { -6, 3, -4, 2, -5 }, 0.7f }, // an extra unfiltered channel
         { 5, 2, 1, { 6, -3, 4, -2, 5 }, { -6, 3, -4, 2, -5 }, 0.7f },
+        { 5, 2, 2, { 6, -3, 4, -2, 5 }, { 12, 0, -8, 3, 0 }, 0.5f, true },
+        { 5, 2, 3, { 6, -3, 4, -2, 5 }, { 12, 0, -8, 3, 0 }, 0.5f, true },
     };
+    const float specialValues[] = { std::numeric_limits<float>::infinity(), -std::numeric_limits<float>::infinity(),
+                                    std::numeric_limits<float>::quiet_NaN(), -0.0f, 1e-40f, -3e38f };
     std::mt19937 random(20261122);
     for (size_t index = 0; index < cases.size(); ++index) {
         const Case& c = cases[index];
@@ -235,6 +252,9 @@ TEST(BiquadEQ, MatchesThePlainReferenceBitForBitInEveryLayoutAndBlockSize)
                 std::vector<float> input(size_t(frames * channels));
                 for (float& v : input)
                     v = noise(random);
+                if (c.specials && block % 4 == 1 && !input.empty())
+                    for (int i = 0; i < 3; ++i)
+                        input[random() % input.size()] = specialValues[random() % 6];
                 std::vector<float> expected = input, actual = input;
                 if (planar) {
                     std::vector<float> l(static_cast<size_t>(frames)), r(static_cast<size_t>(frames));
@@ -333,6 +353,45 @@ TEST(BiquadEQ, NaNSamplesBecomeTheCeilingWithoutPoisoningTheEnvelope)
         EXPECT_EQ(r[2 * step], -0.5f);
         EXPECT_FALSE(std::isnan(eq.envelope()));
         EXPECT_GT(eq.envelope(), 0.0f);
+    }
+}
+
+TEST(BiquadEQ, AnInfiniteSampleSpoilsOnlyItsOwnBlock)
+{
+    for (int kind = 0; kind < 4; ++kind) {
+        BiquadEQ eq(5, 2);
+        eq.update(bandsWithGains({ 6, -3, 4, -2, 5 }), 0.0, rate);
+        auto process = [&](std::vector<float>& block) {
+            const int64_t frames = int64_t(block.size() / 2);
+            if (kind == 0)
+                eq.processInterleaved(block.data(), frames, 2);
+            else if (kind == 1)
+                eq.processInterleavedScalar(block.data(), frames, 2);
+            else {
+                std::vector<float> l(block.size() / 2), r(block.size() / 2);
+                for (size_t n = 0; n < l.size(); ++n)
+                    l[n] = block[2 * n], r[n] = block[2 * n + 1];
+                if (kind == 2)
+                    eq.processPlanar(l.data(), r.data(), frames);
+                else
+                    eq.processPlanarScalar(l.data(), r.data(), frames);
+                for (size_t n = 0; n < l.size(); ++n)
+                    block[2 * n] = l[n], block[2 * n + 1] = r[n];
+            }
+        };
+        // Left only, so that every filter memory that is not zero is spoiled.
+        std::vector<float> spoiled(256, 0.0f), next(256, 0.0f), fresh(256, 0.0f);
+        for (size_t n = 0; n < 128; ++n)
+            spoiled[2 * n] = 0.25f;
+        spoiled[100] = std::numeric_limits<float>::infinity();
+        next[0] = next[1] = fresh[0] = fresh[1] = 0.5f;
+        process(spoiled);
+        EXPECT_EQ(spoiled[100], 0.995f) << "inf - inf in the filter is NaN, clipped to the ceiling";
+        EXPECT_EQ(eq.envelope(), 0.0f);
+        process(next);
+        eq.reset();
+        process(fresh);
+        EXPECT_EQ(next, fresh) << "kind " << kind << ": the next block starts from clean memory";
     }
 }
 
