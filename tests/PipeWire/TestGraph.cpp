@@ -1,0 +1,385 @@
+#include "PipeWire/TestGraph.h"
+
+#include <pipewire/extensions/metadata.h>
+#include <pipewire/pipewire.h>
+#include <spa/param/audio/format-utils.h>
+#include <spa/pod/builder.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cstring>
+#include <map>
+#include <mutex>
+#include <thread>
+
+namespace sorva::testing {
+
+namespace {
+
+std::once_flag initOnce;
+
+struct Stream {
+    pw_stream* stream = nullptr;
+    spa_hook listener {};
+    spa_io_position* position = nullptr;
+};
+
+struct Global {
+    std::string type;
+    std::map<std::string, std::string> props;
+};
+
+} // namespace
+
+struct TestGraph::Data {
+    pw_thread_loop* loop = nullptr;
+    pw_context* context = nullptr;
+    pw_core* core = nullptr;
+    pw_registry* registry = nullptr;
+    spa_hook registryListener {};
+    pw_metadata* defaultMetadata = nullptr;
+    spa_hook metadataListener {};
+    std::map<uint32_t, Global> globals;
+    std::map<std::pair<uint32_t, std::string>, std::string> metadataValues;
+
+    // Player (data thread fields: signal, cursor, armed, startPosition).
+    Stream player;
+    std::vector<float> signal;
+    size_t cursor = 0;
+    std::atomic<bool> armed { false };
+    std::atomic<bool> finished { false };
+    std::atomic<int64_t> playerStart { -1 };
+
+    // Recorder.
+    Stream recorder;
+    std::vector<float> recording;
+    std::atomic<size_t> recordedFrames { 0 };
+    std::atomic<int64_t> recorderStart { -1 };
+    uint64_t expectedPosition = 0;
+    std::atomic<uint64_t> gaps { 0 };
+
+    struct Lock {
+        explicit Lock(pw_thread_loop* l)
+            : loop(l)
+        {
+            pw_thread_loop_lock(loop);
+        }
+        ~Lock() { pw_thread_loop_unlock(loop); }
+        pw_thread_loop* loop;
+    };
+
+    static const spa_pod* format(spa_pod_builder& builder)
+    {
+        spa_audio_info_raw info {};
+        info.format = SPA_AUDIO_FORMAT_F32;
+        info.channels = 2;
+        info.rate = 48000;
+        info.position[0] = SPA_AUDIO_CHANNEL_FL;
+        info.position[1] = SPA_AUDIO_CHANNEL_FR;
+        return spa_format_audio_raw_build(&builder, SPA_PARAM_EnumFormat, &info);
+    }
+
+    void playerCycle()
+    {
+        pw_buffer* b = pw_stream_dequeue_buffer(player.stream);
+        if (!b)
+            return;
+        spa_data& d = b->buffer->datas[0];
+        auto* out = static_cast<float*>(d.data);
+        uint32_t frames = std::min<uint32_t>(b->requested ? static_cast<uint32_t>(b->requested) : 1024, d.maxsize / 8);
+        std::memset(out, 0, frames * 8);
+        if (armed.load() && !finished.load()) {
+            if (cursor == 0 && player.position)
+                playerStart.store(static_cast<int64_t>(player.position->clock.position));
+            size_t left = signal.size() / 2 - cursor;
+            size_t n = std::min<size_t>(frames, left);
+            std::memcpy(out, signal.data() + cursor * 2, n * 8);
+            cursor += n;
+            if (cursor * 2 >= signal.size())
+                finished.store(true);
+        }
+        d.chunk->offset = 0;
+        d.chunk->size = frames * 8;
+        d.chunk->stride = 8;
+        pw_stream_queue_buffer(player.stream, b);
+    }
+
+    void recorderCycle()
+    {
+        pw_buffer* b = pw_stream_dequeue_buffer(recorder.stream);
+        if (!b)
+            return;
+        spa_data& d = b->buffer->datas[0];
+        if (d.data && recorder.position) {
+            uint32_t offset = std::min(d.chunk->offset, d.maxsize);
+            uint32_t size = std::min(d.chunk->size, d.maxsize - offset);
+            uint32_t frames = size / 8;
+            uint64_t position = recorder.position->clock.position;
+            size_t have = recordedFrames.load();
+            if (have == 0) {
+                recorderStart.store(static_cast<int64_t>(position));
+            } else if (position != expectedPosition) {
+                gaps.fetch_add(1);
+            }
+            expectedPosition = position + frames;
+            size_t n = std::min<size_t>(frames, recording.size() / 2 - have);
+            std::memcpy(recording.data() + have * 2, SPA_PTROFF(d.data, offset, float), n * 8);
+            recordedFrames.store(have + n);
+        }
+        pw_stream_queue_buffer(recorder.stream, b);
+    }
+};
+
+TestGraph::TestGraph()
+    : data(std::make_unique<Data>())
+{
+    std::call_once(initOnce, [] { pw_init(nullptr, nullptr); });
+    data->loop = pw_thread_loop_new("test-graph", nullptr);
+    data->context = pw_context_new(pw_thread_loop_get_loop(data->loop), nullptr, 0);
+    pw_thread_loop_start(data->loop);
+    Data::Lock lock(data->loop);
+    data->core = pw_context_connect(data->context, nullptr, 0);
+    if (!data->core)
+        return;
+    data->registry = pw_core_get_registry(data->core, PW_VERSION_REGISTRY, 0);
+    static const pw_registry_events events = [] {
+        pw_registry_events e {};
+        e.version = PW_VERSION_REGISTRY_EVENTS;
+        e.global = [](void* p, uint32_t id, uint32_t, const char* type, uint32_t, const spa_dict* props) {
+            auto* d = static_cast<Data*>(p);
+            Global g;
+            g.type = type;
+            for (uint32_t i = 0; props && i < props->n_items; ++i)
+                g.props[props->items[i].key] = props->items[i].value ? props->items[i].value : "";
+            if (g.type == PW_TYPE_INTERFACE_Metadata && g.props["metadata.name"] == "default" && !d->defaultMetadata) {
+                d->defaultMetadata = static_cast<pw_metadata*>(
+                    pw_registry_bind(d->registry, id, type, PW_VERSION_METADATA, 0));
+                static const pw_metadata_events metadataEvents = [] {
+                    pw_metadata_events m {};
+                    m.version = PW_VERSION_METADATA_EVENTS;
+                    m.property = [](void* q, uint32_t subject, const char* key, const char*, const char* value) {
+                        auto* dd = static_cast<Data*>(q);
+                        if (!key) {
+                            std::erase_if(dd->metadataValues, [&](auto& kv) { return kv.first.first == subject; });
+                        } else if (!value) {
+                            dd->metadataValues.erase({ subject, key });
+                        } else {
+                            dd->metadataValues[{ subject, key }] = value;
+                        }
+                        return 0;
+                    };
+                    return m;
+                }();
+                pw_metadata_add_listener(d->defaultMetadata, &d->metadataListener, &metadataEvents, d);
+            }
+            d->globals[id] = std::move(g);
+        };
+        e.global_remove = [](void* p, uint32_t id) { static_cast<Data*>(p)->globals.erase(id); };
+        return e;
+    }();
+    pw_registry_add_listener(data->registry, &data->registryListener, &events, data.get());
+}
+
+TestGraph::~TestGraph()
+{
+    stopPlayer();
+    stopRecorder();
+    {
+        Data::Lock lock(data->loop);
+        if (data->defaultMetadata) {
+            spa_hook_remove(&data->metadataListener);
+            pw_proxy_destroy(reinterpret_cast<pw_proxy*>(data->defaultMetadata));
+        }
+        if (data->registry) {
+            spa_hook_remove(&data->registryListener);
+            pw_proxy_destroy(reinterpret_cast<pw_proxy*>(data->registry));
+        }
+    }
+    pw_thread_loop_stop(data->loop);
+    if (data->core)
+        pw_core_disconnect(data->core);
+    pw_context_destroy(data->context);
+    pw_thread_loop_destroy(data->loop);
+}
+
+bool TestGraph::connected() const { return data->core != nullptr; }
+
+void TestGraph::startPlayer(std::vector<float> signal, const std::string& applicationName)
+{
+    Data::Lock lock(data->loop);
+    data->signal = std::move(signal);
+    data->cursor = 0;
+    data->armed = false;
+    data->finished = false;
+    data->playerStart = -1;
+    pw_properties* props = pw_properties_new(PW_KEY_MEDIA_TYPE, "Audio", PW_KEY_MEDIA_CATEGORY, "Playback",
+                                             PW_KEY_MEDIA_ROLE, "Music", PW_KEY_NODE_NAME, "sorva_test_player",
+                                             PW_KEY_APP_NAME, applicationName.c_str(), nullptr);
+    data->player.stream = pw_stream_new(data->core, "test player", props);
+    static const pw_stream_events events = [] {
+        pw_stream_events e {};
+        e.version = PW_VERSION_STREAM_EVENTS;
+        e.io_changed = [](void* p, uint32_t id, void* area, uint32_t) {
+            if (id == SPA_IO_Position)
+                static_cast<Data*>(p)->player.position = static_cast<spa_io_position*>(area);
+        };
+        e.process = [](void* p) { static_cast<Data*>(p)->playerCycle(); };
+        return e;
+    }();
+    pw_stream_add_listener(data->player.stream, &data->player.listener, &events, data.get());
+    uint8_t buffer[512];
+    spa_pod_builder builder {};
+    spa_pod_builder_init(&builder, buffer, sizeof buffer);
+    const spa_pod* params[1] = { Data::format(builder) };
+    pw_stream_connect(data->player.stream, PW_DIRECTION_OUTPUT, PW_ID_ANY,
+                      static_cast<pw_stream_flags>(PW_STREAM_FLAG_AUTOCONNECT | PW_STREAM_FLAG_MAP_BUFFERS
+                                                   | PW_STREAM_FLAG_RT_PROCESS),
+                      params, 1);
+}
+
+void TestGraph::armPlayer() { data->armed = true; }
+bool TestGraph::playerFinished() { return data->finished.load(); }
+
+std::optional<uint64_t> TestGraph::playerStartPosition()
+{
+    int64_t p = data->playerStart.load();
+    return p < 0 ? std::nullopt : std::optional<uint64_t>(static_cast<uint64_t>(p));
+}
+
+void TestGraph::stopPlayer()
+{
+    Data::Lock lock(data->loop);
+    if (data->player.stream) {
+        spa_hook_remove(&data->player.listener);
+        pw_stream_destroy(data->player.stream);
+        data->player = {};
+    }
+}
+
+void TestGraph::startRecorder(const std::string& speaker, size_t capacityFrames)
+{
+    Data::Lock lock(data->loop);
+    data->recording.assign(capacityFrames * 2, 0.0f);
+    data->recordedFrames = 0;
+    data->recorderStart = -1;
+    data->gaps = 0;
+    pw_properties* props = pw_properties_new(PW_KEY_MEDIA_TYPE, "Audio", PW_KEY_MEDIA_CATEGORY, "Capture",
+                                             PW_KEY_NODE_NAME, "sorva_test_recorder", PW_KEY_TARGET_OBJECT,
+                                             speaker.c_str(), PW_KEY_STREAM_CAPTURE_SINK, "true", nullptr);
+    data->recorder.stream = pw_stream_new(data->core, "test recorder", props);
+    static const pw_stream_events events = [] {
+        pw_stream_events e {};
+        e.version = PW_VERSION_STREAM_EVENTS;
+        e.io_changed = [](void* p, uint32_t id, void* area, uint32_t) {
+            if (id == SPA_IO_Position)
+                static_cast<Data*>(p)->recorder.position = static_cast<spa_io_position*>(area);
+        };
+        e.process = [](void* p) { static_cast<Data*>(p)->recorderCycle(); };
+        return e;
+    }();
+    pw_stream_add_listener(data->recorder.stream, &data->recorder.listener, &events, data.get());
+    uint8_t buffer[512];
+    spa_pod_builder builder {};
+    spa_pod_builder_init(&builder, buffer, sizeof buffer);
+    const spa_pod* params[1] = { Data::format(builder) };
+    pw_stream_connect(data->recorder.stream, PW_DIRECTION_INPUT, PW_ID_ANY,
+                      static_cast<pw_stream_flags>(PW_STREAM_FLAG_AUTOCONNECT | PW_STREAM_FLAG_MAP_BUFFERS
+                                                   | PW_STREAM_FLAG_RT_PROCESS),
+                      params, 1);
+}
+
+std::vector<float> TestGraph::recorded()
+{
+    size_t frames = data->recordedFrames.load();
+    return std::vector<float>(data->recording.begin(), data->recording.begin() + static_cast<long>(frames * 2));
+}
+
+std::optional<uint64_t> TestGraph::recorderStartPosition()
+{
+    int64_t p = data->recorderStart.load();
+    return p < 0 ? std::nullopt : std::optional<uint64_t>(static_cast<uint64_t>(p));
+}
+
+uint64_t TestGraph::recorderGaps() { return data->gaps.load(); }
+
+void TestGraph::stopRecorder()
+{
+    Data::Lock lock(data->loop);
+    if (data->recorder.stream) {
+        spa_hook_remove(&data->recorder.listener);
+        pw_stream_destroy(data->recorder.stream);
+        data->recorder = {};
+    }
+}
+
+std::optional<uint32_t> TestGraph::nodeID(const std::string& nodeName)
+{
+    Data::Lock lock(data->loop);
+    for (auto& [id, g] : data->globals) {
+        if (g.type == PW_TYPE_INTERFACE_Node && g.props[PW_KEY_NODE_NAME] == nodeName)
+            return id;
+    }
+    return std::nullopt;
+}
+
+std::optional<uint64_t> TestGraph::nodeSerial(const std::string& nodeName)
+{
+    Data::Lock lock(data->loop);
+    for (auto& [id, g] : data->globals) {
+        if (g.type == PW_TYPE_INTERFACE_Node && g.props[PW_KEY_NODE_NAME] == nodeName)
+            return std::stoull(g.props[PW_KEY_OBJECT_SERIAL]);
+    }
+    return std::nullopt;
+}
+
+std::vector<std::string> TestGraph::nodeNames()
+{
+    Data::Lock lock(data->loop);
+    std::vector<std::string> names;
+    for (auto& [id, g] : data->globals) {
+        if (g.type == PW_TYPE_INTERFACE_Node)
+            names.push_back(g.props[PW_KEY_NODE_NAME]);
+    }
+    return names;
+}
+
+bool TestGraph::linked(uint32_t outputNode, uint32_t inputNode)
+{
+    Data::Lock lock(data->loop);
+    for (auto& [id, g] : data->globals) {
+        if (g.type == PW_TYPE_INTERFACE_Link && g.props[PW_KEY_LINK_OUTPUT_NODE] == std::to_string(outputNode)
+            && g.props[PW_KEY_LINK_INPUT_NODE] == std::to_string(inputNode))
+            return true;
+    }
+    return false;
+}
+
+std::optional<std::string> TestGraph::metadata(uint32_t subject, const std::string& key)
+{
+    Data::Lock lock(data->loop);
+    auto found = data->metadataValues.find({ subject, key });
+    if (found == data->metadataValues.end())
+        return std::nullopt;
+    return found->second;
+}
+
+void TestGraph::setMetadata(uint32_t subject, const std::string& key, const std::string& type, const std::string& value)
+{
+    Data::Lock lock(data->loop);
+    if (data->defaultMetadata)
+        pw_metadata_set_property(data->defaultMetadata, subject, key.c_str(), type.empty() ? nullptr : type.c_str(),
+                                 value.c_str());
+}
+
+bool TestGraph::waitFor(const std::function<bool()>& condition, std::chrono::milliseconds timeout)
+{
+    auto deadline = std::chrono::steady_clock::now() + timeout;
+    while (!condition()) {
+        if (std::chrono::steady_clock::now() >= deadline)
+            return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    return true;
+}
+
+} // namespace sorva::testing

@@ -1,0 +1,93 @@
+// A SORVA engine in a process of its own, for the PipeWire integration tests:
+// the tests play and record in their own process (so that the engine routes
+// their player like any other program's) and must be able to kill the engine.
+//
+//   sorva_pipewire_engine_host [--gains G1,G2,G3,G4,G5] [--output-gain DB] [--tap-only]
+//
+// Runs SystemEQProcessor on the PipeWire backend with the default bands at the
+// given gains. Prints "READY" when started (or "FAILED <description>" and
+// exits 1), then runs until standard input closes or a line "stop" arrives,
+// stops the engine, prints "STOPPED" and exits 0. With --tap-only it only
+// creates and destroys a tap (which replays the routing journal) and exits.
+// Main thread: the engine's main thread; the executor's jobs run here too.
+#include "Audio/SystemEQProcessor.h"
+#include "Models/EQConfig.h"
+#include "Platform/ManualMainExecutor.h"
+#include "Platform/PipeWire/PipeWireAudioHardware.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <iostream>
+#include <poll.h>
+#include <sstream>
+#include <string>
+#include <unistd.h>
+
+using namespace sorva;
+
+int main(int argc, char** argv)
+{
+    std::vector<double> gains(5, 0.0);
+    double outputGain = 0.0;
+    bool tapOnly = false;
+    for (int i = 1; i < argc; ++i) {
+        std::string arg = argv[i];
+        if (arg == "--gains" && i + 1 < argc) {
+            std::stringstream list(argv[++i]);
+            std::string item;
+            for (size_t band = 0; band < gains.size() && std::getline(list, item, ','); ++band)
+                gains[band] = std::stod(item);
+        } else if (arg == "--output-gain" && i + 1 < argc) {
+            outputGain = std::stod(argv[++i]);
+        } else if (arg == "--tap-only") {
+            tapOnly = true;
+        } else {
+            std::cerr << "unknown argument " << arg << "\n";
+            return 2;
+        }
+    }
+
+    PipeWireAudioHardware hardware;
+    if (tapOnly) {
+        AudioObjectID tap = 0;
+        TapDescription description = TapDescription::stereoGlobalTapButExcludeProcesses({});
+        description.name = "SORVA System Tap";
+        OSStatus status = hardware.createProcessTap(description, tap);
+        if (status == 0)
+            hardware.destroyProcessTap(tap);
+        std::cout << (status == 0 ? "READY" : "FAILED " + std::to_string(status)) << std::endl;
+        return status == 0 ? 0 : 1;
+    }
+
+    ManualMainExecutor executor;
+    std::vector<EQBand> bands = EQConfig::defaultConfig().bands;
+    for (size_t band = 0; band < bands.size() && band < gains.size(); ++band)
+        bands[band].gain = gains[band];
+    SystemEQProcessor engine(static_cast<int64_t>(bands.size()), hardware, executor);
+    try {
+        engine.start(bands, outputGain);
+    } catch (const AudioTapError& error) {
+        std::cout << "FAILED " << error.errorDescription() << std::endl;
+        return 1;
+    }
+    std::cout << "READY" << std::endl;
+
+    std::string pending;
+    for (;;) {
+        executor.runPending();
+        pollfd input { STDIN_FILENO, POLLIN, 0 };
+        if (::poll(&input, 1, 20) <= 0)
+            continue;
+        char chunk[256];
+        ssize_t got = ::read(STDIN_FILENO, chunk, sizeof chunk);
+        if (got <= 0)
+            break;
+        pending.append(chunk, static_cast<size_t>(got));
+        if (pending.find("stop") != std::string::npos)
+            break;
+    }
+    engine.stop();
+    executor.runPending();
+    std::cout << "STOPPED" << std::endl;
+    return 0;
+}
