@@ -1064,7 +1064,7 @@ struct PipeWireAudioHardware::Data {
             PW_KEY_MEDIA_TYPE, "Audio", PW_KEY_MEDIA_CATEGORY, "Capture", PW_KEY_MEDIA_CLASS, "Audio/Sink",
             PW_KEY_NODE_NAME, tapNodeName, PW_KEY_NODE_DESCRIPTION, tapName, PW_KEY_MEDIA_NAME, tapName,
             PW_KEY_NODE_VIRTUAL, "true", PW_KEY_NODE_GROUP, group.c_str(), PW_KEY_NODE_LINK_GROUP, group.c_str(),
-            PW_KEY_AUDIO_CHANNELS, "2", SPA_KEY_AUDIO_POSITION, "FL,FR", "resample.prefill", "true",
+            PW_KEY_AUDIO_CHANNELS, "2", SPA_KEY_AUDIO_POSITION, "[ FL FR ]", "resample.prefill", "true",
             PW_KEY_PRIORITY_SESSION, "0", PW_KEY_PRIORITY_DRIVER, "0", nullptr);
         duplex.tap = pw_stream_new(core, tapName, tapProps);
         if (!duplex.tap)
@@ -1077,7 +1077,7 @@ struct PipeWireAudioHardware::Data {
                 "Stream/Output/Audio", PW_KEY_NODE_NAME, outputNodeName, PW_KEY_NODE_DESCRIPTION, outputName,
                 PW_KEY_MEDIA_NAME, outputName, PW_KEY_NODE_PASSIVE, "true", PW_KEY_NODE_GROUP, group.c_str(),
                 PW_KEY_NODE_LINK_GROUP, group.c_str(), PW_KEY_TARGET_OBJECT, duplex.outputUID->c_str(),
-                PW_KEY_AUDIO_CHANNELS, "2", SPA_KEY_AUDIO_POSITION, "FL,FR", "resample.prefill", "true", nullptr);
+                PW_KEY_AUDIO_CHANNELS, "2", SPA_KEY_AUDIO_POSITION, "[ FL FR ]", "resample.prefill", "true", nullptr);
             duplex.output = pw_stream_new(core, outputName, outputProps);
             if (!duplex.output)
                 return kAudioHardwareUnspecifiedError;

@@ -146,8 +146,21 @@ std::vector<float> playAndRecord(TestGraph& graph, size_t frames)
 float maxDifference(const std::vector<float>& a, const std::vector<float>& b)
 {
     float worst = 0.0f;
-    for (size_t i = 0; i < std::min(a.size(), b.size()); ++i)
-        worst = std::max(worst, std::fabs(a[i] - b[i]));
+    size_t at = 0;
+    for (size_t i = 0; i < std::min(a.size(), b.size()); ++i) {
+        if (std::fabs(a[i] - b[i]) > worst) {
+            worst = std::fabs(a[i] - b[i]);
+            at = i;
+        }
+    }
+    if (getenv("SORVA_TEST_DEBUG")) {
+        size_t first = 0;
+        while (first < std::min(a.size(), b.size()) && a[first] == b[first])
+            ++first;
+        fprintf(stderr, "worst %g at %zu, first difference at %zu\n", worst, at, first);
+        for (size_t i = first; i < first + 8 && i < a.size(); ++i)
+            fprintf(stderr, "  %zu: %.9g %.9g\n", i, a[i], b[i]);
+    }
     return worst;
 }
 
@@ -216,6 +229,11 @@ TEST_F(PipeWireEngine, LeaksNothingUnprocessedAndDoesNotFeedItsOutputBack)
     double expectedDB = 20.0 * std::log10(rms(equalized(signal, gains), 12000, 44000) / rms(signal, 12000, 44000));
     double measuredDB
         = 20.0 * std::log10(rms(recording, *start + 12000, *start + 44000) / rms(signal, 12000, 44000));
+    if (getenv("SORVA_TEST_DEBUG")) {
+        for (size_t at = 0; at + 4800 < recording.size() / 2; at += 4800)
+            fprintf(stderr, "  %zu: rms %g\n", at, rms(recording, at, at + 4800));
+        fprintf(stderr, "start %zu of %zu\n", *start, recording.size() / 2);
+    }
     EXPECT_LT(expectedDB, -20.0);
     EXPECT_NEAR(measuredDB, expectedDB, 0.05) << "an unprocessed copy would sit near 0 dB";
 
