@@ -133,9 +133,13 @@ void trace(const std::function<std::string()>& message)
         if (observerSlot())
             observerSlot()(text);
     }
-    std::string line = "[" + timeOfDay() + "] " + text + "\n";
+    // Built by appending: GCC 12 at -O3 misreads "literal" + std::string&&
+    // as an overlapping memcpy (-Wrestrict) and fails the Release build.
+    std::string line;
+    line.append("[").append(timeOfDay()).append("] ").append(text).append("\n");
     writeQueue().async([text = std::move(text), line = std::move(line)] {
-        std::string errorLine = "[sorva] " + text + "\n";
+        std::string errorLine;
+        errorLine.append("[sorva] ").append(text).append("\n");
         std::fwrite(errorLine.data(), 1, errorLine.size(), stderr);
         std::fflush(stderr);
         if (auto file = logFilePath())
