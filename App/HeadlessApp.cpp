@@ -4,6 +4,7 @@
 #include "Audio/EQLog.h"
 #include "Platform/QtMainExecutor.h"
 #include "Platform/Simulated/SimulatedAudioHardware.h"
+#include "Platform/Simulated/SimulatedOutputEngine.h"
 #include "Platform/Simulated/SimulatedRealtimeDriver.h"
 #include "Platform/TerminationSignals.h"
 
@@ -70,6 +71,8 @@ int runHeadless(int argc, char** argv, const HeadlessOptions& options)
     if (options.simulate) {
         simulated = std::make_unique<SimulatedSystem>();
         environment.hardware = simulated->hardware;
+        // Plays nothing: the buffered engine's output just pulls its blocks.
+        environment.makeOutputEngine = [] { return std::make_unique<SimulatedOutputEngine>(); };
         environment.mainExecutor = std::make_shared<QtMainExecutor>();
         environment.now = EQController::wallClockSeconds;
         std::fprintf(stderr, "sorva: running on the simulated audio system (a generated signal, nothing is played)\n");

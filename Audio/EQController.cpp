@@ -8,6 +8,7 @@
 #include "Audio/SystemEQProcessor.h"
 #include "Models/EQSettings.h"
 #include "Platform/PipeWire/PipeWireAudioHardware.h"
+#include "Platform/PipeWire/PipeWireOutputEngine.h"
 #include "Platform/QtMainExecutor.h"
 #include "Platform/SleepWatcher.h"
 
@@ -16,6 +17,7 @@
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
+#include <stdexcept>
 
 namespace sorva {
 
@@ -98,6 +100,7 @@ EQController::Environment EQController::productionEnvironment(std::string* probl
     environment.mainExecutor = std::make_shared<QtMainExecutor>();
     environment.now = wallClockSeconds;
     environment.monotonicClock = monotonicNanoseconds;
+    environment.makeOutputEngine = [] { return std::make_unique<PipeWireOutputEngine>(); };
     auto hardware = std::make_shared<PipeWireAudioHardware>();
     if (hardware->isConnected()) {
         environment.hardware = std::move(hardware);
@@ -348,8 +351,10 @@ void EQController::startSingleDeviceProcessor()
 void EQController::startBufferedProcessor()
 {
     double latency = EQSettings::bufferLatencyMs();
+    if (!environment.makeOutputEngine)
+        throw std::runtime_error("buffered mode needs an audio output, and this audio system offers none");
     auto engine = std::make_unique<BufferedEQProcessor>(static_cast<int64_t>(configValue.bands.size()), latency,
-                                                        *environment.hardware, environment.makeOutputEngine,
+                                                        *environment.hardware, environment.makeOutputEngine(),
                                                         *environment.mainExecutor, environment.engineWait,
                                                         environment.monotonicClock);
     engine->onConfigurationChange = restartOnConfigurationChange();
