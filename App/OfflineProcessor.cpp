@@ -9,12 +9,15 @@
 #include <cctype>
 #include <cerrno>
 #include <cmath>
+#include <condition_variable>
 #include <cstdio>
 #include <cstring>
 #include <fcntl.h>
 #include <memory>
+#include <mutex>
 #include <random>
 #include <sys/stat.h>
+#include <thread>
 #include <unistd.h>
 
 namespace sorva {
@@ -33,15 +36,16 @@ std::string lowercase(std::string text)
     return text;
 }
 
-// libsndfile's messages read "Format not recognised." or "System error : ...";
-// they follow a colon in our own line.
+// libsndfile's messages read "Format not recognised." or "System error : File
+// too large."; after our own colon they read like strerror's texts.
 std::string soundFileMessage(SNDFILE* file)
 {
     std::string text = sf_strerror(file);
+    const std::string systemPrefix = "System error : ";
+    if (text.rfind(systemPrefix, 0) == 0)
+        text.erase(0, systemPrefix.size());
     while (!text.empty() && (text.back() == '.' || text.back() == ' ' || text.back() == '\n'))
         text.pop_back();
-    if (!text.empty())
-        text[0] = static_cast<char>(std::tolower(static_cast<unsigned char>(text[0])));
     return text;
 }
 
@@ -92,8 +96,10 @@ public:
         for (int attempt = 0; attempt < 100; ++attempt) {
             char suffix[16];
             std::snprintf(suffix, sizeof suffix, "%08x", static_cast<unsigned>(entropy()));
+            // Named after the target, so that a file left by a crash says
+            // where it came from; shortened to stay within the name limit.
             std::string name = ".";
-            name.append(target.filename().string()).append(".sorva-").append(suffix).append(".part");
+            name.append(target.filename().string().substr(0, 200)).append(".sorva-").append(suffix).append(".part");
             std::filesystem::path candidate = folder / name;
             // 0666 and the umask: the finished file gets the usual permissions.
             int fd = ::open(candidate.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
@@ -130,6 +136,110 @@ public:
 private:
     std::unique_ptr<Descriptor> descriptor;
     std::filesystem::path path;
+};
+
+// Writes equalized blocks, in order, on a thread of its own: the copy into
+// the page cache costs about a third of a run and overlaps the reading and
+// equalizing of the next blocks. The caller fills the block freeBlock()
+// returns and hands it over with submit(); the writer owns the sound file
+// until finish() or destruction.
+class BlockWriter {
+public:
+    BlockWriter(SNDFILE* sink, int64_t channels)
+        : sink(sink)
+        , channels(channels)
+        , storage(static_cast<size_t>(slotCount * OfflineProcessor::blockFrames * channels))
+        , thread([this] { run(); })
+    {
+    }
+    BlockWriter(const BlockWriter&) = delete;
+    BlockWriter& operator=(const BlockWriter&) = delete;
+    ~BlockWriter()
+    {
+        {
+            std::lock_guard guard(lock);
+            abandoned = true;
+        }
+        changed.notify_all();
+        thread.join();
+    }
+
+    // The next block to fill, once one is free; nullptr after a failed write.
+    float* freeBlock()
+    {
+        std::unique_lock guard(lock);
+        changed.wait(guard, [this] { return failed || submitted - written < slotCount; });
+        if (failed)
+            return nullptr;
+        return slot(submitted);
+    }
+
+    // Hands over the block freeBlock() returned, holding this many frames.
+    void submit(int64_t frames)
+    {
+        {
+            std::lock_guard guard(lock);
+            frameCounts[static_cast<size_t>(submitted % slotCount)] = frames;
+            ++submitted;
+        }
+        changed.notify_all();
+    }
+
+    // Waits until every submitted block is written; false if a write failed.
+    bool finish()
+    {
+        std::unique_lock guard(lock);
+        changed.wait(guard, [this] { return failed || written == submitted; });
+        return !failed;
+    }
+
+    std::string failure() const
+    {
+        std::lock_guard guard(lock);
+        return message;
+    }
+
+private:
+    static constexpr int64_t slotCount = 4;
+
+    float* slot(int64_t index) { return &storage[static_cast<size_t>((index % slotCount) * OfflineProcessor::blockFrames * channels)]; }
+
+    void run()
+    {
+        std::unique_lock guard(lock);
+        for (;;) {
+            changed.wait(guard, [this] { return abandoned || written < submitted; });
+            if (abandoned)
+                return;
+            const int64_t index = written;
+            const sf_count_t frames = frameCounts[static_cast<size_t>(index % slotCount)];
+            guard.unlock();
+            const bool complete = sf_writef_float(sink, slot(index), frames) == frames;
+            guard.lock();
+            if (!complete) {
+                failed = true;
+                message = soundFileMessage(sink);
+                changed.notify_all();
+                return;
+            }
+            ++written;
+            changed.notify_all();
+        }
+    }
+
+    SNDFILE* const sink;
+    const int64_t channels;
+    std::vector<float> storage;
+    mutable std::mutex lock;
+    std::condition_variable changed;
+    // Blocks are handed over and written in order; slot i % slotCount holds block i.
+    int64_t submitted = 0;
+    int64_t written = 0;
+    int64_t frameCounts[slotCount] = {};
+    bool failed = false;
+    bool abandoned = false;
+    std::string message;
+    std::thread thread; // last: starts once everything above is set up
 };
 
 } // namespace
@@ -212,14 +322,25 @@ OfflineProcessor::Summary OfflineProcessor::process(const std::filesystem::path&
         throw Error("cannot read " + quoted(input) + " as audio: it has no channels or no sample rate");
 
     // The output: checked before any work, so that a mistake costs nothing.
+    // A symbolic link is written through, as any other program would.
+    std::filesystem::path target = output;
+    std::error_code failure;
+    if (std::filesystem::is_symlink(output, failure) && std::filesystem::exists(output, failure)) {
+        std::filesystem::path resolved = std::filesystem::canonical(output, failure);
+        if (!failure)
+            target = resolved;
+    }
     struct stat outputStatus {};
-    if (::stat(output.c_str(), &outputStatus) == 0) {
+    if (::stat(target.c_str(), &outputStatus) == 0) {
         if (outputStatus.st_dev == inputStatus.st_dev && outputStatus.st_ino == inputStatus.st_ino)
             throw Error("input and output are the same file (" + quoted(output) + ")");
         if (S_ISDIR(outputStatus.st_mode))
             throw Error("cannot write " + quoted(output) + ": it is a folder");
+        // Renaming over a device or a pipe would replace it with a file.
+        if (!S_ISREG(outputStatus.st_mode))
+            throw Error("cannot write " + quoted(output) + ": it is not a regular file");
     }
-    PartialOutput partial(output);
+    PartialOutput partial(target);
 
     // A plain float WAV whenever the data surely fits its 4 GiB limit; past
     // that, or when the length is unknown, RF64, which falls back to a WAV
@@ -248,21 +369,25 @@ OfflineProcessor::Summary OfflineProcessor::process(const std::filesystem::path&
     eq.reset();
     eq.update(config.bands, config.outputGain, static_cast<double>(inputInfo.samplerate));
 
-    std::vector<float> block(static_cast<size_t>(blockFrames * channels));
+    BlockWriter writer(sink.get(), channels);
     int64_t done = 0;
     for (;;) {
-        const sf_count_t got = sf_readf_float(source.get(), block.data(), blockFrames);
+        float* block = writer.freeBlock();
+        if (!block)
+            throw Error("cannot write " + quoted(output) + ": " + writer.failure());
+        const sf_count_t got = sf_readf_float(source.get(), block, blockFrames);
         if (got <= 0)
             break;
-        eq.processInterleaved(block.data(), got, channels);
-        if (sf_writef_float(sink.get(), block.data(), got) != got)
-            throw Error("cannot write " + quoted(output) + ": " + soundFileMessage(sink.get()));
+        eq.processInterleaved(block, got, channels);
+        writer.submit(got);
         done += got;
         if (progress && !progress(done, total, inputInfo.samplerate))
             throw Error("interrupted");
     }
     if (sf_error(source.get()) != SF_ERR_NO_ERROR)
         throw Error("cannot read " + quoted(input) + " as audio: " + soundFileMessage(source.get()));
+    if (!writer.finish())
+        throw Error("cannot write " + quoted(output) + ": " + writer.failure());
     // Once more at the end: a stop requested while the last read waited
     // (a pipe, a slow disk) still keeps the output from appearing.
     if (progress && !progress(done, total, inputInfo.samplerate))
@@ -272,7 +397,7 @@ OfflineProcessor::Summary OfflineProcessor::process(const std::filesystem::path&
     SNDFILE* finished = sink.release();
     if (sf_close(finished) != 0)
         throw Error("cannot write " + quoted(output) + ": the file could not be completed");
-    partial.commit(output);
+    partial.commit(target);
 
     return { done, channels, static_cast<int64_t>(inputInfo.samplerate) };
 }

@@ -6,8 +6,11 @@
 // the target folder and renamed over OUTPUT at the end; on any failure the
 // temporary file is removed and OUTPUT is left as it was.
 //
-// Threads: single-threaded; an instance is used by one thread at a time.
-// Failures throw OfflineProcessor::Error with a one-line message for the user.
+// Threads: an instance is used by one thread at a time. process() reads and
+// equalizes on the caller's thread and hands the blocks to a writer thread of
+// its own, which has finished before process() returns or throws; the
+// progress callback runs on the caller's thread. Failures throw
+// OfflineProcessor::Error with a one-line message for the user.
 #pragma once
 
 #include "Models/EQConfig.h"
@@ -44,9 +47,9 @@ public:
     };
 
     // Called after every block, and once more before the output is put in
-    // place, with the frames written so far, the file's
-    // total (-1 when the format does not tell) and its sample rate. Returning
-    // false stops the run, which then fails with "interrupted".
+    // place, with the frames equalized so far, the file's total (-1 when the
+    // format does not tell) and its sample rate. Returning false stops the
+    // run, which then fails with "interrupted".
     using Progress = std::function<bool(int64_t framesDone, int64_t framesTotal, int64_t sampleRate)>;
 
     // The ranges the settings store and the panel allow.

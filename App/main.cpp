@@ -12,6 +12,7 @@
 #include <csignal>
 #include <cstdint>
 #include <cstdio>
+#include <exception>
 #include <memory>
 #include <string>
 #include <unistd.h>
@@ -77,6 +78,12 @@ int runProcess(const CommandLine& line, const EQConfig& base)
             bar->clear();
         std::fprintf(stderr, "sorva: %s\n", error.what());
         return interruptRequested.load() ? exitInterrupted : exitFailure;
+    } catch (const std::exception& error) {
+        // Out of memory and the like: still one line, still no partial file.
+        if (bar)
+            bar->clear();
+        std::fprintf(stderr, "sorva: %s\n", error.what());
+        return exitFailure;
     }
 }
 

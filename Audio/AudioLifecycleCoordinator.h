@@ -48,7 +48,17 @@
 //    the coordinator had posted to the main thread and that have not started
 //    yet no longer call startOperation, stopOperation or publishState (so an
 //    owner destroyed on the main thread is never called back). It does not
-//    stop a running engine: the owner tears down its engine itself.
+//    stop a running engine: the owner tears down its engine itself. Do not
+//    destroy it from inside the sleeper (the step thread would join itself).
+//  - Futures become ready on the executor thread, after the request's last
+//    publication has been posted (not necessarily delivered).
+//
+// Typical owner, on the main thread:
+//   coordinator = std::make_unique<AudioLifecycleCoordinator>(mainExecutor,
+//       [this] { startProcessor(); },   // throws on failure, after reporting it
+//       [this] { stopProcessor(); },
+//       [this](AudioLifecycleState state) { lifecycleStateChanged(state); });
+//   coordinator->setUserEnabled(true); // the future may be dropped
 #pragma once
 
 #include "Audio/AudioLifecycleState.h"

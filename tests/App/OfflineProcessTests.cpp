@@ -12,6 +12,7 @@
 #include <fstream>
 #include <pty.h>
 #include <sstream>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <thread>
@@ -145,6 +146,7 @@ TEST(OfflineProcess, EveryMistakeGivesOneLineExitStatusTwoAndLeavesNoFileBehind)
     std::filesystem::create_directory(folder / "folder");
     std::filesystem::create_symlink("music.wav", folder / "link.wav");
     std::filesystem::create_hard_link(folder / "music.wav", folder / "hardlink.wav");
+    ASSERT_EQ(::mkfifo((folder / "fifo").c_str(), 0600), 0);
     // An output that already exists must survive a failed run unchanged.
     std::ofstream(folder / "keep.wav") << "precious";
     const std::vector<std::string> before = folder.names();
@@ -161,6 +163,7 @@ TEST(OfflineProcess, EveryMistakeGivesOneLineExitStatusTwoAndLeavesNoFileBehind)
         { "process", "music.wav", "no-such-folder/out.wav" },
         { "process", "music.wav", "notes.txt/out.wav" },
         { "process", "music.wav", "folder" },
+        { "process", "music.wav", "fifo" },
         { "process", "music.wav", "keep.wav", "--preset", "jazz" },
         { "process", "music.wav", "keep.wav", "--preset", "" },
         { "process", "music.wav", "out.wav", "--gains", "1,2,3,4" },
@@ -176,7 +179,7 @@ TEST(OfflineProcess, EveryMistakeGivesOneLineExitStatusTwoAndLeavesNoFileBehind)
         { "process", "music.wav" },
         { "process", "music.wav", "out.wav", "extra.wav" },
         { "process" },
-        { "--simulate" },
+        { "--no-such-option" },
         { "equalize", "music.wav", "out.wav" },
     };
     for (const auto& arguments : mistakes) {
@@ -191,12 +194,31 @@ TEST(OfflineProcess, EveryMistakeGivesOneLineExitStatusTwoAndLeavesNoFileBehind)
         EXPECT_EQ(folder.names(), before) << shown;
     }
 
+    // A disk that fills up halfway: writes beyond 256 KiB fail (a file-size
+    // limit, with its signal ignored so that the write reports EFBIG).
+    {
+        rlimit original {};
+        ::getrlimit(RLIMIT_FSIZE, &original);
+        rlimit small = original;
+        small.rlim_cur = 256 * 1024;
+        auto previous = std::signal(SIGXFSZ, SIG_IGN);
+        ::setrlimit(RLIMIT_FSIZE, &small);
+        const ProgramRun run = runSorva({ "process", "music.wav", "out.wav" }, folder.path());
+        ::setrlimit(RLIMIT_FSIZE, &original);
+        std::signal(SIGXFSZ, previous);
+        EXPECT_EQ(run.exitStatus, 2);
+        EXPECT_EQ(run.err.rfind("sorva: cannot write 'out.wav': ", 0), 0u) << run.err;
+        EXPECT_EQ(std::count(run.err.begin(), run.err.end(), '\n'), 1) << run.err;
+        EXPECT_EQ(folder.names(), before);
+    }
+
     std::ifstream kept(folder / "keep.wav");
     std::string content;
     std::getline(kept, content);
     EXPECT_EQ(content, "precious");
     // The same-file checks must not have touched the input.
     EXPECT_EQ(readSound(folder / "music.wav").frames(), 44100);
+    EXPECT_TRUE(std::filesystem::is_fifo(folder / "fifo"));
 }
 
 TEST(OfflineProcess, AnExistingOutputIsReplacedByACompleteFileWithOrdinaryPermissions)
@@ -215,6 +237,14 @@ TEST(OfflineProcess, AnExistingOutputIsReplacedByACompleteFileWithOrdinaryPermis
     ASSERT_EQ(::stat((folder / "out" / "result.wav").c_str(), &status), 0);
     EXPECT_EQ(status.st_mode & 0777, 0644u);
     EXPECT_EQ(std::filesystem::directory_iterator(folder / "out")->path().filename(), "result.wav");
+    EXPECT_EQ(std::distance(std::filesystem::directory_iterator(folder / "out"), {}), 1);
+
+    // Through a symbolic link, the file it points to is replaced; the link stays.
+    std::filesystem::create_symlink("out/result.wav", folder / "latest.wav");
+    const ProgramRun again = runSorva({ "process", "music.wav", "latest.wav" }, folder.path());
+    ASSERT_EQ(again.exitStatus, 0) << again.err;
+    EXPECT_TRUE(std::filesystem::is_symlink(folder / "latest.wav"));
+    expectMatchesReference(folder / "out" / "result.wav", input, { { 0, 0, 0, 0, 0 }, 0.0 });
     EXPECT_EQ(std::distance(std::filesystem::directory_iterator(folder / "out"), {}), 1);
 }
 
@@ -304,8 +334,20 @@ TEST(OfflineProcess, AnInterruptedRunLeavesNeitherOutputNorTemporaryFile)
                 static_cast<char*>(nullptr));
         ::_exit(98);
     }
-    const int writer = ::open(pipePath.c_str(), O_WRONLY);
+    // Non-blocking until the program has the pipe open for reading, so that a
+    // program that never opens it fails the test instead of hanging it.
+    int writer = -1;
+    for (int attempt = 0; attempt < 2000 && writer < 0; ++attempt) {
+        writer = ::open(pipePath.c_str(), O_WRONLY | O_NONBLOCK);
+        if (writer < 0)
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    if (writer < 0) {
+        ::kill(child, SIGKILL);
+        ::waitpid(child, nullptr, 0);
+    }
     ASSERT_GE(writer, 0);
+    ::fcntl(writer, F_SETFL, ::fcntl(writer, F_GETFL) & ~O_NONBLOCK);
     ASSERT_EQ(::write(writer, firstSecond.data(), firstSecond.size()), static_cast<ssize_t>(firstSecond.size()));
 
     // Wait (briefly, in small steps) until the partial output exists.
