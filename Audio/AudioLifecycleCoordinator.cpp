@@ -144,16 +144,21 @@ void AudioLifecycleCoordinator::enqueue(std::function<void()> operation, Complet
 {
     // Runs on the executor without interruption from reading serialTail to
     // storing the new task, so the chain is strictly first-in first-out.
-    std::optional<std::shared_future<void>> previous = serialTail;
-    EQLog::trace("actor: enqueue called, hasPrevious=" + boolText(previous.has_value()));
+    // A plain shared_future (invalid when there is no predecessor) rather than
+    // a copy of the optional: GCC 12 at -O3 warns falsely that the optional's
+    // copy may be used uninitialized, which broke Release builds.
+    std::shared_future<void> previous;
+    if (serialTail)
+        previous = *serialTail;
+    EQLog::trace("actor: enqueue called, hasPrevious=" + boolText(previous.valid()));
 
     auto finished = std::make_shared<std::promise<void>>();
     std::shared_future<void> task = finished->get_future().share();
     stepQueue->async([this, previous, operation = std::move(operation), finished, completion] {
         // The step thread already runs tasks in queue order; waiting for the
         // predecessor keeps the chain correct on its own terms.
-        if (previous)
-            previous->wait();
+        if (previous.valid())
+            previous.wait();
         EQLog::trace("actor: enqueue running operation");
         bool alive;
         {

@@ -259,10 +259,13 @@ void BiquadEQ::planarScalar(float* left, float* right, int64_t frames) noexcept
 // bands run overlapped in time: at step t, active band k works on frame t - k,
 // taking band k-1's output of the previous step. Two bands share one register
 // as (band 2j: left, right | band 2j+1: left, right), so five bands need three
-// registers per operation. The limiter runs in the same loop on the frame
-// leaving the last band. Every lane does exactly the scalar operations in the
-// scalar order, so results are bit-identical; the first and last K-1 steps of
-// a block keep the state of bands that have no frame yet (or any more).
+// registers per operation (the unused half has zero coefficients and is
+// never stored). The limiter runs in the same loop on the frame leaving the
+// last band. Every lane does exactly the scalar operations in the scalar
+// order, so results are bit-identical. With K active bands a block takes
+// frames + K - 1 steps; in the first and last K - 1 of them, bands that have
+// no frame yet (or any more) keep their state. Frame t is read at step t,
+// before frame t - K + 1 is written back, so processing in place is safe.
 
 #if SORVA_STEREO_KERNEL
 namespace {
@@ -340,32 +343,36 @@ void runStereoKernel(const KernelJob& job, IO io, int64_t frames) noexcept
     }
 
     const __m128 gain = _mm_set1_ps(job.gain);
-    const __m128 attack = _mm_set_ss(job.attack);
-    const __m128 release = _mm_set_ss(job.release);
+    // The envelope is carried in lanes 0 and 1 (the same value in both, see
+    // below) so that the scale needs no broadcast; lanes 2 and 3 stay 0.
+    const __m128 attack = _mm_set1_ps(job.attack);
+    const __m128 release = _mm_set1_ps(job.release);
     // (1 - coef) is the same float whichever way it is obtained, so it is
     // computed once per block.
-    const __m128 attackRest = _mm_set_ss(1.0f - job.attack);
-    const __m128 releaseRest = _mm_set_ss(1.0f - job.release);
-    const __m128 ceiling = _mm_set_ss(job.limiterCeiling);
-    const __m128 one = _mm_set_ss(1.0f);
+    const __m128 attackRest = _mm_set1_ps(1.0f - job.attack);
+    const __m128 releaseRest = _mm_set1_ps(1.0f - job.release);
+    const __m128 ceiling = _mm_set1_ps(job.limiterCeiling);
+    const __m128 one = _mm_set1_ps(1.0f);
     const __m128 clipHigh = _mm_set1_ps(job.hardCeiling);
     const __m128 clipLow = _mm_set1_ps(-job.hardCeiling);
     const __m128 magnitudeMask = _mm_castsi128_ps(_mm_set1_epi32(0x7fffffff));
     const __m128 zero = _mm_setzero_ps();
-    __m128 e = _mm_set_ss(*job.envelope);
+    __m128 e = _mm_setr_ps(*job.envelope, *job.envelope, 0.0f, 0.0f);
 
     auto limitAndStore = [&](int64_t n, __m128 v) {
         v = _mm_mul_ps(v, gain);
         const __m128 magnitude = _mm_and_ps(v, magnitudeMask);
-        // peak = 0, then for each channel: |s| > peak ? |s| : peak. maxps
-        // returns its second operand when either is NaN, as the scalar loop.
-        const __m128 leftPeak = _mm_max_ps(magnitude, zero);
-        const __m128 peak = _mm_max_ss(_mm_shuffle_ps(magnitude, magnitude, _MM_SHUFFLE(1, 1, 1, 1)), leftPeak);
+        // The scalar peak: 0, then for each channel |s| > peak ? |s| : peak,
+        // which is maxps(|s|, peak) (maxps returns its second operand when
+        // either is NaN). Lane 0 gets max(|R|, max(|L|, 0)); lane 1 gets
+        // max(|L|, max(|R|, 0)), the same value in every case, NaN included.
+        const __m128 firstPeak = _mm_max_ps(magnitude, zero);
+        const __m128 peak = _mm_max_ps(_mm_shuffle_ps(magnitude, magnitude, _MM_SHUFFLE(2, 3, 0, 1)), firstPeak);
         // Both candidate envelopes, then the one the comparison picks: keeps
         // the comparison off the envelope's dependency chain.
-        const __m128 rising = _mm_cmplt_ss(e, peak);
-        const __m128 up = _mm_add_ss(_mm_mul_ss(e, attack), _mm_mul_ss(attackRest, peak));
-        const __m128 down = _mm_add_ss(_mm_mul_ss(e, release), _mm_mul_ss(releaseRest, peak));
+        const __m128 rising = _mm_cmplt_ps(e, peak);
+        const __m128 up = _mm_add_ps(_mm_mul_ps(e, attack), _mm_mul_ps(attackRest, peak));
+        const __m128 down = _mm_add_ps(_mm_mul_ps(e, release), _mm_mul_ps(releaseRest, peak));
         e = select(rising, up, down);
         // The scalar loop scales by 0.99 / e only when e > 0.99. Here every
         // frame is scaled by min(0.99 / e, 1): for e > 0.99 the quotient is at
@@ -373,16 +380,15 @@ void runStereoKernel(const KernelJob& job, IO io, int64_t frames) noexcept
         // 1); otherwise it is at least 1, and a NaN envelope yields the second
         // operand, 1. Scaling by exactly 1 leaves every value (NaN, -0,
         // denormals) as it is.
-        __m128 scale = _mm_min_ss(_mm_div_ss(ceiling, e), one);
-        scale = _mm_shuffle_ps(scale, scale, _MM_SHUFFLE(0, 0, 0, 0));
-        v = _mm_mul_ps(v, scale);
+        v = _mm_mul_ps(v, _mm_min_ps(_mm_div_ps(ceiling, e), one));
         // min first: a NaN sample yields the second operand, +ceiling.
         v = _mm_max_ps(_mm_min_ps(v, clipHigh), clipLow);
         io.store(n, v);
     };
 
-    auto step = [&](int64_t t, bool edge) {
-        const __m128 in = t < frames ? io.load(t) : zero;
+    auto step = [&](int64_t t, bool edge, bool leaving) {
+        // In the steady part every step has a frame to load.
+        const __m128 in = !edge || t < frames ? io.load(t) : zero;
         if constexpr (K == 0) {
             limitAndStore(t, in);
         } else {
@@ -409,7 +415,7 @@ void runStereoKernel(const KernelJob& job, IO io, int64_t frames) noexcept
                 }
                 y[j] = out;
             }
-            if (t >= lag) {
+            if (leaving) {
                 constexpr int last = (K - 1) / 2;
                 const __m128 out = (K - 1) % 2 == 0 ? y[last] : _mm_movehl_ps(y[last], y[last]);
                 limitAndStore(t - lag, out);
@@ -421,12 +427,13 @@ void runStereoKernel(const KernelJob& job, IO io, int64_t frames) noexcept
     const int64_t steadyBegin = std::min<int64_t>(lag, frames);
     const int64_t steadyEnd = std::max<int64_t>(frames, steadyBegin);
     int64_t t = 0;
+    // `leaving`: a frame leaves the last band at this step.
     for (; t < steadyBegin; ++t)
-        step(t, true);
+        step(t, true, t >= lag);
     for (; t < steadyEnd; ++t)
-        step(t, false);
+        step(t, false, true);
     for (; t < steps; ++t)
-        step(t, true);
+        step(t, true, t >= lag);
 
     *job.envelope = _mm_cvtss_f32(e);
 #pragma GCC unroll 4

@@ -62,6 +62,16 @@ void putTag(std::array<unsigned char, 44>& header, size_t offset, const char (&t
     std::memcpy(header.data() + offset, tag, 4);
 }
 
+// Frames of history, or 0 when the arguments make no sense (checked by the
+// constructor); guards the conversion against NaN and overflow.
+int64_t historyFrames(double seconds, double sampleRate)
+{
+    const double frames = std::floor(seconds * sampleRate);
+    if (!(frames >= 1.0) || frames > 1e12)
+        return 0;
+    return static_cast<int64_t>(frames);
+}
+
 std::error_code lastError() { return { errno, std::system_category() }; }
 
 std::error_code writeAll(int descriptor, const void* data, size_t size)
@@ -118,14 +128,14 @@ std::error_code writeFileAtomically(const fs::path& file, const std::string& tex
 
 DiagnosticRecorder::DiagnosticRecorder(double seconds, int64_t channels, double sampleRate,
                                        MainExecutor& mainExecutor, WallClock wallClock)
-    : capacityFrames(static_cast<int64_t>(std::floor(seconds * sampleRate)))
+    : capacityFrames(historyFrames(seconds, sampleRate))
     , channels(channels)
     , sampleRate(sampleRate)
     , mainExecutor(mainExecutor)
     , wallClock(wallClock ? std::move(wallClock) : WallClock([] { return std::chrono::system_clock::now(); }))
     , flushQueue("com.sorva.app.diagnostics")
 {
-    if (!(capacityFrames >= 1) || channels < 1 || !(sampleRate > 0))
+    if (capacityFrames < 1 || channels < 1 || !(sampleRate > 0))
         throw std::invalid_argument("DiagnosticRecorder needs at least one frame of history, one channel and a "
                                     "positive sample rate (got "
                                     + std::to_string(seconds) + " s, " + std::to_string(channels) + " channels, "

@@ -39,6 +39,9 @@ public:
     // tests can give captures distinct stamps.
     using WallClock = std::function<std::chrono::system_clock::time_point()>;
 
+    // Allocates and clears both rings; no timer yet. Throws
+    // std::invalid_argument unless there is at least one frame of history,
+    // one channel and a positive rate.
     DiagnosticRecorder(double seconds, int64_t channels, double sampleRate, MainExecutor& mainExecutor,
                        WallClock wallClock = {});
     ~DiagnosticRecorder();
@@ -50,6 +53,7 @@ public:
 
     // Replaces any running timer by one that captures "chunk" every
     // chunkSeconds and then keeps the newest retainChunks captures. Main thread.
+    // Throws std::invalid_argument for an interval that is not positive.
     void startContinuousCapture(std::filesystem::path directory, double chunkSeconds, int64_t retainChunks,
                                 std::function<std::string()> contextProvider);
     // Main thread.

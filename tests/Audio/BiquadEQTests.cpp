@@ -1,6 +1,8 @@
 #include "Audio/BiquadEQ.h"
 #include "Models/EQConfig.h"
 
+#include "AllocationCounter.h"
+
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -128,7 +130,7 @@ struct ReferenceEQ {
 
 bool sameBits(const std::vector<float>& a, const std::vector<float>& b)
 {
-    return a.size() == b.size() && std::memcmp(a.data(), b.data(), a.size() * sizeof(float)) == 0;
+    return a.size() == b.size() && (a.empty() || std::memcmp(a.data(), b.data(), a.size() * sizeof(float)) == 0);
 }
 
 size_t firstDifference(const std::vector<float>& a, const std::vector<float>& b)
@@ -219,6 +221,8 @@ TEST(BiquadEQ, MatchesThePlainReferenceBitForBitInEveryLayoutAndBlockSize)
         { 5, 2, 2, { 20, 2, -12, -2, 2 }, { 0, 0, 0, 0, 0 }, 1.5f }, // limiter busy, then flat
         { 5, 2, 2, { 0, 0, 3, 0, 0 }, { 1, 2, 3, 4, 5 }, 0.3f },
         { 8, 2, 2, { 1, -2, 3, -4, 5, -6, 7, -8 }, { 8, 7, 6, 5, 4, 3, 2, 1 }, 0.4f },
+        { 8, 2, 2, { 0, 3, 0, 0, -3, 0, 0, 0 }, { 2, 0, 2, 0, 2, 0, 2, 0 }, 0.4f }, // two, then four bands
+        { 8, 2, 2, { 1, 2, 3, 0, 5, 6, 7, 0 }, { 0, 2, 3, 4, 5, 6, 7, 8 }, 0.4f }, // six, then seven
         { 9, 2, 2, { 1, 1, 1, 1, 1, 1, 1, 1, 1 }, { 2, -2, 2, -2, 2, -2, 2, -2, 0 }, 0.4f }, // too many for the kernel
         { 5, 1, 2, { 6, -3, 4, -2, 5 }, { 3, 3, 3, 3, 3 }, 0.5f }, // mono filter, stereo buffer
         { 5, 2, 3, { 6, -3, 4, -2, 5 }, { -6, 3, -4, 2, -5 }, 0.7f }, // an extra unfiltered channel
@@ -566,4 +570,22 @@ TEST(BiquadEQ, UpdatesRacingTheAudioThreadNeverMixTwoBanks)
     audio.join();
     EXPECT_GE(blocks.load(), 200);
     EXPECT_EQ(mixed.load(), 0);
+}
+
+TEST(BiquadEQ, TheAudioThreadPathsAllocateNothing)
+{
+    BiquadEQ eq(5, 2), wide(9, 3);
+    eq.update(bandsWithGains({ 6, -3, 4, -2, 5 }), 0.0, rate);
+    wide.update(bandsWithGains({ 1, 1, 1, 1, 1, 1, 1, 1, 1 }), 0.0, rate);
+    std::vector<float> block(3 * 512, 0.25f), left(512, 0.25f), right(512, -0.25f);
+    EXPECT_EQ(test::allocationsDuring([&] {
+        eq.processInterleaved(block.data(), 512, 2);
+        eq.processInterleavedScalar(block.data(), 512, 2);
+        eq.processPlanar(left.data(), right.data(), 512);
+        eq.processPlanarScalar(left.data(), right.data(), 512);
+        wide.processInterleaved(block.data(), 512, 3);
+        wide.processPlanar(left.data(), right.data(), 512);
+        eq.reset();
+    }),
+              0u);
 }

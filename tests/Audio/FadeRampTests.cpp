@@ -1,5 +1,7 @@
 #include "Audio/FadeRamp.h"
 
+#include "AllocationCounter.h"
+
 #include <gtest/gtest.h>
 
 #include <thread>
@@ -114,4 +116,17 @@ TEST(FadeRamp, StartRacingApplyIsSafe)
         ramp.start(100 + i % 50, i % 2 ? 1.0f : -1.0f);
     done.store(true);
     audio.join();
+}
+
+TEST(FadeRamp, ApplyingAllocatesNothing)
+{
+    FadeRamp ramp;
+    ramp.start(300, -1.0f);
+    std::vector<float> block(1024, 1.0f), left(512, 1.0f), right(512, 1.0f);
+    EXPECT_EQ(test::allocationsDuring([&] {
+        ramp.apply(block.data(), 256, 2);
+        ramp.applyPlanar(left.data(), right.data(), 256);
+        ramp.apply(block.data(), 512, 2);
+    }),
+              0u);
 }

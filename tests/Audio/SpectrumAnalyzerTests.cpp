@@ -1,5 +1,7 @@
 #include "Audio/SpectrumAnalyzer.h"
 
+#include "AllocationCounter.h"
+
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -166,4 +168,18 @@ TEST(SpectrumAnalyzer, MixesChannelsToMono)
     EXPECT_NEAR(planar.levels()[11], 0.6 * expectedSineLevel(0.1), 1e-4);
     planar.pushPlanar(sine.data(), inverted.data(), N); // cancels
     EXPECT_NEAR(planar.levels()[11], 0.6 * expectedSineLevel(0.1) * 0.82, 1e-4);
+}
+
+TEST(SpectrumAnalyzer, PushAndLevelsAllocateNothing)
+{
+    SpectrumAnalyzer analyzer;
+    const std::vector<float> stereo(2 * 4096, 0.25f);
+    SpectrumAnalyzer::Levels levels {};
+    EXPECT_EQ(test::allocationsDuring([&] {
+                  analyzer.push(stereo.data(), 4096, 2);
+                  analyzer.pushPlanar(stereo.data(), stereo.data() + 4096, 4096);
+                  levels = analyzer.levels();
+              }),
+              0u);
+    EXPECT_GT(levels[0], 0.0f); // the constant reached the lowest bars through leakage of DC
 }

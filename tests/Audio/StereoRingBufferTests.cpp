@@ -1,5 +1,7 @@
 #include "Audio/StereoRingBuffer.h"
 
+#include "AllocationCounter.h"
+
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -355,4 +357,25 @@ TEST(StereoRingBuffer, FollowsAFasterReaderClockWithoutUnderrunsOrAudibleDistort
                 worstRight);
     EXPECT_LT(worstLeft, -50.0);
     EXPECT_LT(worstRight, -60.0);
+}
+
+TEST(StereoRingBuffer, WriteReadAndSnapshotAllocateNothing)
+{
+    StereoRingBuffer ring(capacityFrames, primeFrames, maxReadFrames);
+    std::vector<float> block(2 * 1024, 0.5f);
+    std::vector<float> left(maxReadFrames + 1), right(maxReadFrames + 1);
+    StereoRingBuffer::Snapshot stats;
+    EXPECT_EQ(test::allocationsDuring([&] {
+                  for (int i = 0; i < 60; ++i) // primes, plays, overfills and resyncs
+                      ring.write(block.data(), static_cast<int64_t>(block.size()));
+                  for (int i = 0; i < 20; ++i)
+                      ring.read(left.data(), right.data(), 1024);
+                  ring.read(left.data(), right.data(), maxReadFrames + 1);
+                  stats = ring.snapshot();
+              }),
+              0u);
+    // The overfilled ring resynced to 6000 frames, which lasted five reads;
+    // the sixth underran.
+    EXPECT_EQ(stats.framesRead, 5 * 1024);
+    EXPECT_EQ(stats.underruns, 2);
 }

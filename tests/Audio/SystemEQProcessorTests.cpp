@@ -5,6 +5,7 @@
 #include "Models/EQConfig.h"
 #include "Platform/ManualMainExecutor.h"
 #include "Platform/Simulated/SimulatedAudioHardware.h"
+#include "Platform/Simulated/SimulatedRealtimeDriver.h"
 
 #include <gtest/gtest.h>
 
@@ -13,6 +14,7 @@
 #include <fstream>
 #include <mutex>
 #include <sstream>
+#include <thread>
 #include <unistd.h>
 
 using namespace sorva;
@@ -562,4 +564,36 @@ TEST_F(Engine, CapturesOnceAMinuteWithTheDeviceInTheContext)
     EXPECT_TRUE(text.str().ends_with("Architecture: single-device\nOutput device: Speakers\nSample rate: 44100.0 Hz"))
         << text.str();
     EXPECT_NE(text.str().find("Captured: 0.1 s (5120 frames)"), std::string::npos) << text.str();
+}
+
+TEST_F(Engine, RunsAgainstAnIOThreadWhileTheMainThreadUpdatesAndPolls)
+{
+    // A real IO thread (one 48-frame cycle per millisecond) while the main
+    // thread does what the controller does: configuration updates and the
+    // once-a-second snapshots, here as fast as it can. Meant for the thread
+    // sanitizer as much as for the assertions.
+    SystemEQProcessor& eq = makeEngine();
+    start();
+    SimulatedRealtimeDriver driver(hardware, 48000.0, 48);
+    driver.start();
+    std::vector<EQBand> bands = EQConfig::defaultConfig().bands;
+    int64_t frames = 0;
+    const auto until = std::chrono::steady_clock::now() + 25ms;
+    for (int n = 0; std::chrono::steady_clock::now() < until; ++n) {
+        bands[static_cast<size_t>(n % 5)].gain = (n % 7) - 3.0;
+        eq.eq.update(bands, (n % 3) - 1.0, eq.sampleRate);
+        frames += eq.stats.snapshot().frames;
+        eq.timing.snapshot();
+        eq.spectrum.levels();
+        std::this_thread::sleep_for(1ms);
+    }
+    duringWait = [] { std::this_thread::sleep_for(5ms); }; // the fade-out plays for real
+    eq.stop();
+    const int64_t cyclesAtStop = driver.cycles();
+    std::this_thread::sleep_for(3ms);
+    EXPECT_EQ(driver.cycles(), cyclesAtStop) << "no cycle after stop";
+    driver.stop();
+    EXPECT_GT(cyclesAtStop, 5);
+    EXPECT_GT(frames + eq.stats.snapshot().frames, 5 * 48);
+    EXPECT_TRUE(hardware.nothingAlive());
 }

@@ -1,0 +1,354 @@
+#include "Audio/DiagnosticRecorder.h"
+#include "Audio/EQLog.h"
+#include "Platform/ManualMainExecutor.h"
+
+#include "AllocationCounter.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <bit>
+#include <chrono>
+#include <cmath>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <iterator>
+#include <mutex>
+#include <thread>
+
+using namespace sorva;
+using namespace std::chrono;
+using namespace std::chrono_literals;
+namespace fs = std::filesystem;
+
+namespace {
+
+// 2026-03-14T09:26:53Z
+system_clock::time_point exampleTime()
+{
+    return sys_days { year { 2026 } / March / 14 } + 9h + 26min + 53s;
+}
+
+std::string readText(const fs::path& file)
+{
+    std::ifstream in(file, std::ios::binary);
+    return { std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>() };
+}
+
+uint32_t littleEndian(const std::string& bytes, size_t offset, size_t size)
+{
+    uint32_t value = 0;
+    for (size_t i = 0; i < size; ++i)
+        value |= static_cast<uint32_t>(static_cast<unsigned char>(bytes[offset + i])) << (8 * i);
+    return value;
+}
+
+std::vector<float> wavSamples(const std::string& bytes)
+{
+    static_assert(std::endian::native == std::endian::little, "the check reads samples in place");
+    std::vector<float> samples((bytes.size() - 44) / 4);
+    std::memcpy(samples.data(), bytes.data() + 44, samples.size() * 4);
+    return samples;
+}
+
+std::vector<std::string> namesIn(const fs::path& folder)
+{
+    std::vector<std::string> names;
+    for (const auto& entry : fs::directory_iterator(folder))
+        names.push_back(entry.path().filename().string());
+    std::sort(names.begin(), names.end());
+    return names;
+}
+
+// Raw sample of frame n, channel c in these tests; processed is its negative.
+float patternValue(int64_t frame, int64_t channels, int64_t channel)
+{
+    return static_cast<float>(frame * channels + channel + 1);
+}
+
+void pushPattern(DiagnosticRecorder& recorder, int64_t firstFrame, int64_t frames, int64_t blockFrames)
+{
+    const int64_t channels = recorder.channels;
+    std::vector<float> raw(static_cast<size_t>(blockFrames * channels));
+    std::vector<float> processed(raw.size());
+    for (int64_t done = 0; done < frames; done += blockFrames) {
+        const int64_t count = std::min(blockFrames, frames - done);
+        for (int64_t i = 0; i < count; ++i)
+            for (int64_t c = 0; c < channels; ++c) {
+                raw[static_cast<size_t>(i * channels + c)] = patternValue(firstFrame + done + i, channels, c);
+                processed[static_cast<size_t>(i * channels + c)] = -patternValue(firstFrame + done + i, channels, c);
+            }
+        recorder.push(raw.data(), processed.data(), count);
+    }
+}
+
+class DiagnosticRecorderTest : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        std::string pattern = (fs::temp_directory_path() / "sorva-recorder-test-XXXXXX").string();
+        ASSERT_NE(mkdtemp(pattern.data()), nullptr);
+        root = pattern;
+        EQLog::setDirectoryForTesting(root);
+        folder = *EQLog::diagnosticsDirectory();
+        EQLog::setObserver([this](const std::string& line) {
+            std::lock_guard guard(linesLock);
+            lines.push_back(line);
+        });
+    }
+
+    void TearDown() override
+    {
+        EQLog::setObserver({});
+        EQLog::setDirectoryForTesting(std::nullopt);
+        fs::remove_all(root);
+    }
+
+    std::vector<std::string> loggedLines()
+    {
+        std::lock_guard guard(linesLock);
+        return lines;
+    }
+
+    fs::path root;
+    fs::path folder;
+    ManualMainExecutor mainExecutor;
+    std::mutex linesLock;
+    std::vector<std::string> lines;
+};
+
+} // namespace
+
+TEST_F(DiagnosticRecorderTest, TwelveSecondCaptureHoldsTheNewestHistoryOldestFirstAcrossTheWrap)
+{
+    DiagnosticRecorder recorder(12, 2, 48000, mainExecutor, [] { return exampleTime(); });
+    ASSERT_EQ(recorder.capacityFrames, 576000);
+    constexpr int64_t pushed = 696000; // 14.5 s: the ring wrapped mid-block
+    pushPattern(recorder, 0, pushed, 4096);
+
+    const std::string extra = "Architecture: single-device\nOutput device: Speakers\nSample rate: 48000.0 Hz";
+    const auto files = recorder.markEvent("chunk", folder, extra);
+    ASSERT_TRUE(files.has_value());
+    EXPECT_EQ(files->raw, folder / "2026-03-14T09-26-53Z-chunk-raw.wav");
+    EXPECT_EQ(files->processed, folder / "2026-03-14T09-26-53Z-chunk-processed.wav");
+    EXPECT_EQ(files->context, folder / "2026-03-14T09-26-53Z-chunk-context.txt");
+
+    for (const fs::path& file : { files->raw, files->processed }) {
+        const std::string bytes = readText(file);
+        ASSERT_EQ(bytes.size(), 4'608'044u) << file;
+        EXPECT_EQ(bytes.substr(0, 4), "RIFF");
+        EXPECT_EQ(littleEndian(bytes, 4, 4), 4'608'036u);
+        EXPECT_EQ(bytes.substr(8, 4), "WAVE");
+        EXPECT_EQ(bytes.substr(12, 4), "fmt ");
+        EXPECT_EQ(littleEndian(bytes, 16, 4), 16u);
+        EXPECT_EQ(littleEndian(bytes, 20, 2), 3u); // IEEE float
+        EXPECT_EQ(littleEndian(bytes, 22, 2), 2u);
+        EXPECT_EQ(littleEndian(bytes, 24, 4), 48000u);
+        EXPECT_EQ(littleEndian(bytes, 28, 4), 384000u);
+        EXPECT_EQ(littleEndian(bytes, 32, 2), 8u);
+        EXPECT_EQ(littleEndian(bytes, 34, 2), 32u);
+        EXPECT_EQ(bytes.substr(36, 4), "data");
+        EXPECT_EQ(littleEndian(bytes, 40, 4), 4'608'000u);
+
+        const float sign = file == files->raw ? 1.0f : -1.0f;
+        const std::vector<float> samples = wavSamples(bytes);
+        for (int64_t i = 0; i < 576000; ++i)
+            for (int64_t c = 0; c < 2; ++c)
+                ASSERT_EQ(samples[static_cast<size_t>(2 * i + c)], sign * patternValue(pushed - 576000 + i, 2, c))
+                    << file << " frame " << i << " channel " << c;
+    }
+
+    EXPECT_EQ(readText(files->context),
+              "Event: chunk\nTime: 2026-03-14 09:26:53 +0000\nCaptured: 12.0 s (576000 frames)\n" + extra);
+    EXPECT_EQ(namesIn(folder).size(), 3u); // no temporary file left behind
+    EXPECT_EQ(loggedLines(),
+              std::vector<std::string> { "diagnostic event 'chunk' captured -> 2026-03-14T09-26-53Z-chunk-raw.wav" });
+}
+
+TEST_F(DiagnosticRecorderTest, CapturesOnlyTheAudioPushedSoFar)
+{
+    DiagnosticRecorder recorder(12, 2, 48000, mainExecutor, [] { return exampleTime(); });
+    EXPECT_FALSE(recorder.markEvent("chunk", folder, "").has_value());
+    EXPECT_FALSE(fs::exists(folder)); // nothing written, not even the folder
+    EXPECT_TRUE(loggedLines().empty());
+
+    pushPattern(recorder, 0, 240000, 8192);
+    const auto files = recorder.markEvent("glitch: at 12:00/now", folder, "");
+    ASSERT_TRUE(files.has_value());
+    EXPECT_EQ(fs::file_size(files->raw), 44u + 240000u * 8u);
+    EXPECT_EQ(readText(files->context),
+              "Event: glitch: at 12:00/now\nTime: 2026-03-14 09:26:53 +0000\nCaptured: 5.0 s (240000 frames)\n");
+    for (const std::string& name : namesIn(folder))
+        EXPECT_EQ(name.find(':'), std::string::npos) << name;
+    EXPECT_EQ(files->raw.parent_path(), folder);
+    const std::vector<float> samples = wavSamples(readText(files->processed));
+    EXPECT_EQ(samples.front(), -patternValue(0, 2, 0));
+    EXPECT_EQ(samples.back(), -patternValue(239999, 2, 1));
+
+    // Mono at a fractional rate: the header holds the truncated rate, the
+    // duration uses the exact one.
+    DiagnosticRecorder mono(1, 1, 22050.75, mainExecutor, [] { return exampleTime() + 1s; });
+    ASSERT_EQ(mono.capacityFrames, 22050);
+    pushPattern(mono, 0, 30000, 1000);
+    const auto monoFiles = mono.markEvent("mono", folder, "x");
+    ASSERT_TRUE(monoFiles.has_value());
+    const std::string bytes = readText(monoFiles->raw);
+    ASSERT_EQ(bytes.size(), 44u + 22050u * 4u);
+    EXPECT_EQ(littleEndian(bytes, 22, 2), 1u);
+    EXPECT_EQ(littleEndian(bytes, 24, 4), 22050u);
+    EXPECT_EQ(littleEndian(bytes, 28, 4), 88200u);
+    EXPECT_EQ(littleEndian(bytes, 32, 2), 4u);
+    EXPECT_EQ(wavSamples(bytes).front(), patternValue(30000 - 22050, 1, 0));
+    EXPECT_EQ(readText(monoFiles->context),
+              "Event: mono\nTime: 2026-03-14 09:26:54 +0000\nCaptured: 1.0 s (22050 frames)\nx");
+
+    EXPECT_THROW(DiagnosticRecorder(0, 2, 48000, mainExecutor), std::invalid_argument);
+    EXPECT_THROW(DiagnosticRecorder(std::nan(""), 2, 48000, mainExecutor), std::invalid_argument);
+    EXPECT_THROW(DiagnosticRecorder(1, 0, 48000, mainExecutor), std::invalid_argument);
+}
+
+TEST_F(DiagnosticRecorderTest, TimerCapturesEveryIntervalAndKeepsTheNewestCaptures)
+{
+    // Twenty earlier captures, oldest first, and files that are not captures.
+    fs::create_directories(folder);
+    const auto now = fs::file_time_type::clock::now();
+    const auto makeFile = [&](const std::string& name, fs::file_time_type modified) {
+        std::ofstream(folder / name) << name;
+        fs::last_write_time(folder / name, modified);
+    };
+    const auto earlierBase = [](int i) {
+        char base[64];
+        std::snprintf(base, sizeof base, "2026-01-01T00-00-%02dZ-chunk", i);
+        return std::string(base);
+    };
+    for (int i = 0; i < 20; ++i)
+        for (const char* suffix : { "-raw.wav", "-processed.wav", "-context.txt" })
+            makeFile(earlierBase(i) + suffix, now - 1000s + seconds(i));
+    makeFile("notes.txt", now - 5000s);
+    makeFile("orphan-raw.wav", now - 5000s); // a capture that failed before its context file
+
+    system_clock::time_point stamp = exampleTime();
+    auto recorder = std::make_unique<DiagnosticRecorder>(12, 2, 48000, mainExecutor, [&stamp] {
+        stamp += 60s;
+        return stamp;
+    });
+    pushPattern(*recorder, 0, 48000, 4096);
+    int providerCalls = 0;
+    bool providerOnMainThread = true;
+    recorder->startContinuousCapture(folder, 60, 20, [&] {
+        ++providerCalls;
+        providerOnMainThread = providerOnMainThread && mainExecutor.isMainThread();
+        return std::string("Architecture: single-device");
+    });
+
+    mainExecutor.advance(59s);
+    recorder->waitForCaptures();
+    EXPECT_EQ(providerCalls, 0);
+    EXPECT_EQ(namesIn(folder).size(), 62u);
+
+    mainExecutor.advance(1s);
+    recorder->waitForCaptures();
+    EXPECT_EQ(providerCalls, 1);
+    EXPECT_TRUE(providerOnMainThread);
+    EXPECT_TRUE(fs::exists(folder / "2026-03-14T09-27-53Z-chunk-context.txt"));
+    EXPECT_NE(readText(folder / "2026-03-14T09-27-53Z-chunk-context.txt").find("frames)\nArchitecture: single-device"),
+              std::string::npos);
+    for (const char* suffix : { "-raw.wav", "-processed.wav", "-context.txt" }) {
+        EXPECT_FALSE(fs::exists(folder / (earlierBase(0) + suffix))) << suffix;
+        EXPECT_TRUE(fs::exists(folder / (earlierBase(1) + suffix))) << suffix;
+    }
+    EXPECT_TRUE(fs::exists(folder / "notes.txt"));
+    EXPECT_TRUE(fs::exists(folder / "orphan-raw.wav"));
+    EXPECT_EQ(namesIn(folder).size(), 62u);
+
+    mainExecutor.advance(60s);
+    recorder->waitForCaptures();
+    EXPECT_EQ(providerCalls, 2);
+    EXPECT_FALSE(fs::exists(folder / (earlierBase(1) + "-context.txt")));
+    EXPECT_TRUE(fs::exists(folder / "2026-03-14T09-28-53Z-chunk-raw.wav"));
+    for (const std::string& name : namesIn(folder))
+        EXPECT_EQ(name.find(':'), std::string::npos) << name;
+
+    recorder->stopContinuousCapture();
+    EXPECT_EQ(mainExecutor.activeTimers(), 0u);
+    mainExecutor.advance(600s);
+    recorder->waitForCaptures();
+    EXPECT_EQ(providerCalls, 2);
+
+    // A new start replaces the timer; destroying the recorder cancels it.
+    recorder->startContinuousCapture(folder, 30, 20, {});
+    recorder->startContinuousCapture(folder, 60, 20, {});
+    EXPECT_EQ(mainExecutor.activeTimers(), 1u);
+    recorder.reset();
+    EXPECT_EQ(mainExecutor.activeTimers(), 0u);
+}
+
+TEST_F(DiagnosticRecorderTest, LogsAFailedCaptureWithTheSystemsReason)
+{
+    DiagnosticRecorder recorder(1, 2, 48000, mainExecutor, [] { return exampleTime(); });
+    pushPattern(recorder, 0, 1000, 1000);
+    fs::create_directories(root);
+    std::ofstream(root / "not-a-folder") << "x";
+    EXPECT_FALSE(recorder.markEvent("chunk", root / "not-a-folder" / "sub", "").has_value());
+    EXPECT_EQ(loggedLines(), std::vector<std::string> { "diagnostic capture failed: Not a directory" });
+}
+
+TEST_F(DiagnosticRecorderTest, CapturesWhileTheAudioThreadPushesSeeWholeConsecutiveFrames)
+{
+    DiagnosticRecorder recorder(0.25, 2, 48000, mainExecutor);
+    std::atomic<bool> stop { false };
+    std::thread audio([&] {
+        // Frame n holds n on both channels (raw) and -n (processed), counted
+        // modulo 2^22 so the floats stay exact.
+        std::vector<float> raw(2 * 256), processed(2 * 256);
+        for (int64_t frame = 0; !stop;) {
+            for (int64_t i = 0; i < 256; ++i, ++frame) {
+                const auto value = static_cast<float>(frame % (1 << 22));
+                raw[static_cast<size_t>(2 * i)] = raw[static_cast<size_t>(2 * i + 1)] = value;
+                processed[static_cast<size_t>(2 * i)] = processed[static_cast<size_t>(2 * i + 1)] = -value;
+            }
+            recorder.push(raw.data(), processed.data(), 256);
+        }
+    });
+    // Stops and joins the pusher however this test ends.
+    struct Joiner {
+        std::atomic<bool>& stop;
+        std::thread& thread;
+        ~Joiner()
+        {
+            stop = true;
+            thread.join();
+        }
+    } joiner { stop, audio };
+    int captures = 0;
+    while (captures < 3) {
+        const auto files = recorder.markEvent("chunk", folder, "");
+        if (!files)
+            continue;
+        ++captures;
+        const std::vector<float> raw = wavSamples(readText(files->raw));
+        const std::vector<float> processed = wavSamples(readText(files->processed));
+        ASSERT_EQ(raw.size(), processed.size());
+        for (size_t i = 0; i + 1 < raw.size(); i += 2) {
+            ASSERT_EQ(raw[i], raw[i + 1]) << "sample " << i;
+            ASSERT_EQ(processed[i], -raw[i]) << "sample " << i;
+            if (i >= 2) {
+                const bool wrapped = raw[i] == 0.0f && raw[i - 2] == static_cast<float>((1 << 22) - 1);
+                ASSERT_TRUE(raw[i] == raw[i - 2] + 1.0f || wrapped) << "sample " << i;
+            }
+        }
+    }
+}
+
+TEST_F(DiagnosticRecorderTest, PushAllocatesNothingAndLogsNothing)
+{
+    DiagnosticRecorder recorder(1, 2, 48000, mainExecutor);
+    const std::vector<float> raw(16384, 0.5f), processed(16384, -0.5f);
+    EXPECT_EQ(test::allocationsDuring([&] {
+                  for (int i = 0; i < 10; ++i) // wraps the one-second ring
+                      recorder.push(raw.data(), processed.data(), 8192);
+              }),
+              0u);
+    EXPECT_TRUE(loggedLines().empty());
+}
