@@ -7,6 +7,7 @@
 #include "App/OfflineProcessor.h"
 #include "App/ProgressBar.h"
 #include "Models/EQConfig.h"
+#include "Models/EQSettings.h"
 
 #include <atomic>
 #include <csignal>
@@ -104,10 +105,12 @@ int main(int argc, char** argv)
         std::printf("sorva %s\n", SORVA_VERSION);
         return 0;
     case CommandLine::Action::processHelp:
-        std::fputs(CommandLine::processUsage(EQConfig::defaultConfig()).c_str(), stdout);
+        std::fputs(CommandLine::processUsage(sorva::EQSettings::loadConfig()).c_str(), stdout);
         return 0;
     case CommandLine::Action::process:
-        return runProcess(line, EQConfig::defaultConfig());
+        // What the user last set in the equalizer, where the options say
+        // nothing.
+        return runProcess(line, sorva::EQSettings::loadConfig());
     case CommandLine::Action::run:
         break;
     }

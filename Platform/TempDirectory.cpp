@@ -46,7 +46,9 @@ std::optional<std::filesystem::path> preparePerUserDirectory(const std::filesyst
 
 std::optional<std::filesystem::path> perUserTemporaryDirectory()
 {
-    static const std::optional<std::filesystem::path> folder = [] {
+    // Never destroyed: the log queue's worker reads it while static objects
+    // are being destroyed at exit (it drains what was handed over last).
+    static const auto* folder = new std::optional<std::filesystem::path>([] {
         const char* tmpdir = std::getenv("TMPDIR");
         std::filesystem::path base = (tmpdir && *tmpdir) ? tmpdir : "/tmp";
         std::string reason;
@@ -54,8 +56,8 @@ std::optional<std::filesystem::path> perUserTemporaryDirectory()
         if (!result)
             std::fprintf(stderr, "[sorva] temporary folder refused: %s\n", reason.c_str());
         return result;
-    }();
-    return folder;
+    }());
+    return *folder;
 }
 
 } // namespace sorva

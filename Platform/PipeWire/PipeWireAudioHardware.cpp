@@ -796,13 +796,16 @@ struct PipeWireAudioHardware::Data {
     }
 
     // A previous target that points at SORVA itself is no target.
-    std::optional<RoutingJournal::Value> notPointingAtUs(std::optional<RoutingJournal::Value> value) const
+    // "target.object" holds a serial or a name, "target.node" a node id.
+    std::optional<RoutingJournal::Value> notPointingAtUs(std::optional<RoutingJournal::Value> value,
+                                                         const std::string& key) const
     {
         if (!value)
             return value;
-        auto number = parseInteger(value->value);
-        if (number) {
-            if (ourSerials().count(static_cast<uint64_t>(*number)) || isOurStreamNode(static_cast<uint32_t>(*number)))
+        if (auto number = parseInteger(value->value)) {
+            bool ours = key == "target.node" ? isOurStreamNode(static_cast<uint32_t>(*number))
+                                             : ourSerials().count(static_cast<uint64_t>(*number)) > 0;
+            if (ours)
                 return std::nullopt;
         }
         if (value->value == tapNodeName || value->value == outputNodeName)
@@ -854,9 +857,24 @@ struct PipeWireAudioHardware::Data {
             if (pid == ownPID || !lookup(n->props, PW_KEY_NODE_LINK_GROUP).empty()
                 || lookup(n->props, PW_KEY_NODE_DONT_RECONNECT) == "true" || !selected(tapIt->second, pid)) {
                 duplex.considered.insert(n->serial);
+                // The session manager may remember the tap as a program's
+                // target and send a new stream of it here; only we decide.
+                if (pid != ownPID)
+                    releaseIfPointingAtUs(*n);
                 continue;
             }
             route(duplex, *n, tapNode->serial);
+        }
+    }
+
+    void releaseIfPointingAtUs(const Node& stream)
+    {
+        if (!defaultMetadata)
+            return;
+        for (const char* key : { "target.object", "target.node" }) {
+            auto value = defaultMetadata->value(stream.id, key);
+            if (value && !notPointingAtUs(value, key))
+                setMetadata(stream.id, key, std::nullopt);
         }
     }
 
@@ -866,8 +884,8 @@ struct PipeWireAudioHardware::Data {
         RoutedStream routed;
         routed.nodeID = stream.id;
         if (defaultMetadata) {
-            routed.previousObject = notPointingAtUs(defaultMetadata->value(stream.id, "target.object"));
-            routed.previousNode = notPointingAtUs(defaultMetadata->value(stream.id, "target.node"));
+            routed.previousObject = notPointingAtUs(defaultMetadata->value(stream.id, "target.object"), "target.object");
+            routed.previousNode = notPointingAtUs(defaultMetadata->value(stream.id, "target.node"), "target.node");
         }
         std::string error;
         if (!journal.append({ stream.serial, tapSerial, routed.previousObject, routed.previousNode }, error)
@@ -928,8 +946,8 @@ struct PipeWireAudioHardware::Data {
             const Node* stream = nodeBySerial(entry.streamSerial);
             if (!stream)
                 continue;
-            restore(stream->id, entry.tapSerial, notPointingAtUs(entry.previousObject),
-                    notPointingAtUs(entry.previousNode));
+            restore(stream->id, entry.tapSerial, notPointingAtUs(entry.previousObject, "target.object"),
+                    notPointingAtUs(entry.previousNode, "target.node"));
             ++restored;
         }
         sync();
@@ -1060,12 +1078,15 @@ struct PipeWireAudioHardware::Data {
         info.position[1] = SPA_AUDIO_CHANNEL_FR;
         const spa_pod* params[1] = { spa_format_audio_raw_build(&builder, SPA_PARAM_EnumFormat, &info) };
 
+        // The tap is a capture stream that links to nothing by itself: as an
+        // Audio/Sink the session manager would offer it as the default output
+        // (and its monitor as the default input) where devices have no
+        // priority of their own.
         pw_properties* tapProps = pw_properties_new(
-            PW_KEY_MEDIA_TYPE, "Audio", PW_KEY_MEDIA_CATEGORY, "Capture", PW_KEY_MEDIA_CLASS, "Audio/Sink",
+            PW_KEY_MEDIA_TYPE, "Audio", PW_KEY_MEDIA_CATEGORY, "Capture", PW_KEY_MEDIA_CLASS, "Stream/Input/Audio",
             PW_KEY_NODE_NAME, tapNodeName, PW_KEY_NODE_DESCRIPTION, tapName, PW_KEY_MEDIA_NAME, tapName,
-            PW_KEY_NODE_VIRTUAL, "true", PW_KEY_NODE_GROUP, group.c_str(), PW_KEY_NODE_LINK_GROUP, group.c_str(),
-            PW_KEY_AUDIO_CHANNELS, "2", SPA_KEY_AUDIO_POSITION, "[ FL FR ]", "resample.prefill", "true",
-            PW_KEY_PRIORITY_SESSION, "0", PW_KEY_PRIORITY_DRIVER, "0", nullptr);
+            PW_KEY_NODE_AUTOCONNECT, "false", PW_KEY_NODE_GROUP, group.c_str(), PW_KEY_NODE_LINK_GROUP, group.c_str(),
+            PW_KEY_AUDIO_CHANNELS, "2", SPA_KEY_AUDIO_POSITION, "[ FL FR ]", "resample.prefill", "true", nullptr);
         duplex.tap = pw_stream_new(core, tapName, tapProps);
         if (!duplex.tap)
             return kAudioHardwareUnspecifiedError;
@@ -1094,8 +1115,7 @@ struct PipeWireAudioHardware::Data {
                 return kAudioHardwareUnspecifiedError;
         }
         int res = pw_stream_connect(duplex.tap, PW_DIRECTION_INPUT, PW_ID_ANY,
-                                    static_cast<pw_stream_flags>(PW_STREAM_FLAG_AUTOCONNECT
-                                                                 | PW_STREAM_FLAG_MAP_BUFFERS
+                                    static_cast<pw_stream_flags>(PW_STREAM_FLAG_MAP_BUFFERS
                                                                  | PW_STREAM_FLAG_RT_PROCESS),
                                     params, 1);
         if (res < 0)

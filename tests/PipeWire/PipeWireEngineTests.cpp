@@ -203,6 +203,9 @@ TEST_F(PipeWireEngine, EqualizesAnotherProgramExactlyAsTheEqualizerDoes)
     // equalizer's own output arrives bit for bit.
     EXPECT_EQ(maxDifference(received, expected), 0.0f);
     EXPECT_GT(maxDifference(received, signal), 0.01f) << "the signal arrived unprocessed";
+    // The user's default devices stay what they were.
+    EXPECT_EQ(graph->metadata(0, "default.audio.sink"), std::optional<std::string>("{\"name\":\"speakers\"}"));
+    EXPECT_EQ(graph->metadata(0, "default.audio.source").value_or("").find("sorva"), std::string::npos);
     EXPECT_TRUE(host.stop());
 }
 

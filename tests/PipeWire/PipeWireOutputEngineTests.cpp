@@ -1,6 +1,7 @@
 #include "Platform/PipeWire/PipeWireOutputEngine.h"
 
-#include "PipeWireSession.h"
+#include "PipeWire/PrivateSession.h"
+#include "PipeWire/TestGraph.h"
 
 #include <gtest/gtest.h>
 
@@ -57,8 +58,8 @@ bool waitFor(Predicate predicate, std::chrono::milliseconds timeout)
 
 TEST(PipeWireOutputEngine, PlaysPlanarStereoToTheDefaultSinkAndFollowsItWhenItChanges)
 {
-    sorva::testing::PipeWireSession session;
-    ASSERT_TRUE(session.isReady());
+    sorva::testing::PrivateSession session;
+    ASSERT_TRUE(session.ready());
 
     ToneSource tone;
     PipeWireOutputEngine engine;
@@ -82,7 +83,7 @@ TEST(PipeWireOutputEngine, PlaysPlanarStereoToTheDefaultSinkAndFollowsItWhenItCh
 
     // The user picks the other speakers: the session manager moves our
     // stream there and the engine reports it.
-    ASSERT_EQ(sorva::testing::PipeWireSession::run(
+    ASSERT_EQ(std::system(
                   "pw-metadata -n default 0 default.audio.sink '{\"name\":\"speakers-2\"}' >/dev/null"),
               0);
     ASSERT_TRUE(waitFor([&] { return changes.load() > 0; }, 5000ms));
@@ -143,4 +144,33 @@ TEST(PipeWireOutputEngine, StartFailsClearlyWithoutADaemonOrANode)
     else
         unsetenv("XDG_RUNTIME_DIR");
     rmdir(folder);
+}
+
+TEST(PipeWireOutputEngine, TheSpeakersReceiveWhatTheNodeRendersAtItsLevel)
+{
+    sorva::testing::PrivateSession session;
+    ASSERT_TRUE(session.ready());
+    sorva::testing::TestGraph graph;
+    ASSERT_TRUE(graph.connected());
+    graph.startRecorder("speakers", 48000 * 2);
+
+    ToneSource tone;
+    PipeWireOutputEngine engine;
+    const OutputFormat format = *OutputFormat::planarFloat(48000.0, 2);
+    auto node = std::make_shared<OutputSourceNode>(format, &ToneSource::render, &tone);
+    engine.attach(node);
+    engine.connect(node, format);
+    ASSERT_NO_THROW(engine.start());
+    ASSERT_TRUE(waitFor([&] { return graph.recorded().size() >= 2 * 48000; }, 5000ms));
+    engine.stop();
+    auto recording = graph.recorded();
+    // The last half second: a 0.25 sine has an RMS of 0.25 / sqrt(2) in both
+    // channels.
+    double sum[2] = { 0, 0 };
+    const size_t frames = 24000;
+    for (size_t f = recording.size() / 2 - frames; f < recording.size() / 2; ++f)
+        for (int c = 0; c < 2; ++c)
+            sum[c] += double(recording[2 * f + c]) * recording[2 * f + c];
+    for (int c = 0; c < 2; ++c)
+        EXPECT_NEAR(std::sqrt(sum[c] / frames), 0.25 / std::sqrt(2.0), 0.002) << "channel " << c;
 }
