@@ -3,6 +3,10 @@
 // (nodes, clients, the "default" and "settings" metadata), the taps, the
 // aggregates (each one a pair of streams) and the property listeners.
 //
+// It is one long file on purpose: every PipeWire type stays inside it, behind
+// the private Data, and the registry mirror, the routing and the stream pair
+// share that one lock and that one set of objects.
+//
 // Locking: every field of Data is touched only with the thread loop's lock
 // held (PipeWire's own events run on the loop thread, which holds it). The
 // real-time process callbacks touch only their Duplex's real-time fields;
@@ -211,6 +215,11 @@ struct Duplex {
     AudioDeviceIOProc rtProc = nullptr;
     void* rtContext = nullptr;
     bool rtRunning = false;
+    // The streams as the process callbacks see them: set before the streams
+    // connect, cleared before they are destroyed.
+    pw_stream* rtTap = nullptr;
+    pw_stream* rtOutput = nullptr;
+    bool rtAlive = false;
     spa_io_position* rtPosition = nullptr;
     double rtSampleTime = 0.0;
     AudioBuffer inBuffer {};
@@ -226,6 +235,12 @@ struct Duplex {
     uint32_t tapNodeID() const { return tap ? pw_stream_get_node_id(tap) : SPA_ID_INVALID; }
     uint32_t outputNodeID() const { return output ? pw_stream_get_node_id(output) : SPA_ID_INVALID; }
 
+    Duplex() = default;
+    Duplex(const Duplex&) = delete;
+    Duplex& operator=(const Duplex&) = delete;
+    ~Duplex() { destroyStreams(); }
+
+    // Loop lock held; the data thread must no longer use the streams.
     void destroyStreams()
     {
         if (output) {
@@ -252,12 +267,14 @@ struct Duplex {
     // list, the output stream's buffer (same size) the output list.
     void duplexCycle() noexcept
     {
+        if (!rtAlive)
+            return;
         noteQuantum();
-        pw_buffer* in = pw_stream_dequeue_buffer(tap);
-        pw_buffer* out = pw_stream_dequeue_buffer(output);
+        pw_buffer* in = pw_stream_dequeue_buffer(rtTap);
+        pw_buffer* out = pw_stream_dequeue_buffer(rtOutput);
         if (!out) {
             if (in)
-                pw_stream_queue_buffer(tap, in);
+                pw_stream_queue_buffer(rtTap, in);
             return;
         }
         spa_data& od = out->buffer->datas[0];
@@ -275,13 +292,15 @@ struct Duplex {
         }
         frames = std::min(frames, capacity);
         if (frames > 0) {
-            // Cycles the procedure leaves early must not replay an older buffer.
-            std::memset(od.data, 0, frames * bytesPerFrame);
             if (rtRunning && rtProc && inSamples) {
+                // Input and output have the same size and layout, so the
+                // procedure writes every sample of the output.
                 inBuffer = { 2, frames * bytesPerFrame, const_cast<float*>(inSamples) };
                 outBuffer = { 2, frames * bytesPerFrame, od.data };
                 AudioTimeStamp now { hostTicks(), rtSampleTime };
                 rtProc(rtContext, &now, &inList, &now, &outList, &now);
+            } else {
+                std::memset(od.data, 0, frames * bytesPerFrame);
             }
             rtSampleTime += frames;
         }
@@ -289,16 +308,18 @@ struct Duplex {
         od.chunk->size = frames * bytesPerFrame;
         od.chunk->stride = static_cast<int32_t>(bytesPerFrame);
         if (in)
-            pw_stream_queue_buffer(tap, in);
-        pw_stream_queue_buffer(output, out);
+            pw_stream_queue_buffer(rtTap, in);
+        pw_stream_queue_buffer(rtOutput, out);
     }
 
     // Capture without an output device: the procedure gets the tap's mix and
     // an empty output list.
     void captureCycle() noexcept
     {
+        if (!rtAlive)
+            return;
         noteQuantum();
-        pw_buffer* in = pw_stream_dequeue_buffer(tap);
+        pw_buffer* in = pw_stream_dequeue_buffer(rtTap);
         if (!in)
             return;
         if (in->buffer->n_datas > 0 && in->buffer->datas[0].data && rtRunning && rtProc) {
@@ -311,7 +332,7 @@ struct Duplex {
             rtProc(rtContext, &now, &inList, &now, &noBuffers, &now);
             rtSampleTime += frames;
         }
-        pw_stream_queue_buffer(tap, in);
+        pw_stream_queue_buffer(rtTap, in);
     }
 };
 
@@ -331,9 +352,23 @@ struct PipeWireAudioHardware::Data {
     RoutingJournal journal;
     pid_t ownPID = ::getpid();
 
-    pw_thread_loop* loop = nullptr;
+    struct LoopDeleter {
+        void operator()(pw_thread_loop* l) const
+        {
+            pw_thread_loop_stop(l);
+            pw_thread_loop_destroy(l);
+        }
+    };
+    struct ContextDeleter {
+        void operator()(pw_context* c) const { pw_context_destroy(c); }
+    };
+    // Owners first: members are destroyed in reverse order, the context before
+    // the loop it runs on.
+    std::unique_ptr<pw_thread_loop, LoopDeleter> loopOwner;
+    std::unique_ptr<pw_context, ContextDeleter> contextOwner;
+    pw_thread_loop* loop = nullptr; // views of the two owners
     pw_context* context = nullptr;
-    pw_core* core = nullptr;
+    pw_core* core = nullptr; // connect() and disconnect() own it
     pw_registry* registry = nullptr;
     spa_hook coreListener {};
     spa_hook registryListener {};
@@ -356,6 +391,7 @@ struct PipeWireAudioHardware::Data {
     uint64_t nextToken = 1;
     std::vector<Listener> listeners;
     bool journalWarned = false;
+    std::map<std::string, uint32_t> negotiatedRates; // by device UID
 
     // The loop lock for the scope of one public operation.
     struct Lock {
@@ -375,11 +411,13 @@ struct PipeWireAudioHardware::Data {
         , journal(options.journalPath.empty() ? RoutingJournal::defaultPath() : options.journalPath)
     {
         std::call_once(pipewireInit, [] { pw_init(nullptr, nullptr); });
-        loop = pw_thread_loop_new("sorva-pipewire", nullptr);
+        loopOwner.reset(pw_thread_loop_new("sorva-pipewire", nullptr));
+        loop = loopOwner.get();
         // client-rt.conf gives the data thread real-time priority where the
         // system allows it.
-        context = pw_context_new(pw_thread_loop_get_loop(loop),
-                                 pw_properties_new(PW_KEY_CONFIG_NAME, "client-rt.conf", nullptr), 0);
+        contextOwner.reset(pw_context_new(pw_thread_loop_get_loop(loop),
+                                          pw_properties_new(PW_KEY_CONFIG_NAME, "client-rt.conf", nullptr), 0));
+        context = contextOwner.get();
         pw_thread_loop_start(loop);
         Lock lock(loop);
         connect();
@@ -391,15 +429,14 @@ struct PipeWireAudioHardware::Data {
             Lock lock(loop);
             for (auto& [id, duplex] : aggregates) {
                 stopDuplex(*duplex);
-                duplex->destroyStreams();
+                destroyStreams(*duplex);
             }
             aggregates.clear();
             listeners.clear();
         }
+        // No event may arrive while the mirror is torn down.
         pw_thread_loop_stop(loop);
         disconnect();
-        pw_context_destroy(context);
-        pw_thread_loop_destroy(loop);
     }
 
     // --- Connection (loop lock held) ------------------------------------
@@ -481,6 +518,9 @@ struct PipeWireAudioHardware::Data {
             connect();
         if (!core || disconnected)
             return kAudioHardwareNotRunningError;
+        // A rejected client sees no object at all.
+        if (refused && nodes.empty())
+            return kAudioHardwarePermissionDenied;
         return kAudioHardwareNoError;
     }
 
@@ -492,7 +532,8 @@ struct PipeWireAudioHardware::Data {
         int seq = pw_core_sync(core, PW_ID_CORE, 0);
         timespec deadline {};
         pw_thread_loop_get_time(loop, &deadline, int64_t(options.setupTimeoutMilliseconds) * SPA_NSEC_PER_MSEC);
-        while (lastDoneSeq - seq < 0 && !disconnected) {
+        // A refused client gets no answer: do not wait for one.
+        while (lastDoneSeq - seq < 0 && !disconnected && !refused) {
             if (pw_thread_loop_timed_wait_full(loop, &deadline) != 0)
                 return false;
         }
@@ -738,8 +779,9 @@ struct PipeWireAudioHardware::Data {
         return nullptr;
     }
 
-    // The rate a device runs at: a forced graph rate, else the device's own
-    // configured rate, else the graph's default rate.
+    // The rate a device runs at: a forced graph rate, else the rate our
+    // streams last negotiated on it, else the device's own configured rate,
+    // else the graph's default rate.
     std::optional<double> deviceRate(AudioObjectID device) const
     {
         if (auto found = aggregates.find(device); found != aggregates.end()) {
@@ -756,6 +798,11 @@ struct PipeWireAudioHardware::Data {
             return std::nullopt;
         if (auto forced = setting("clock.force-rate"))
             return *forced;
+        // The rate our streams last ran at on this device is the graph's
+        // real rate there (it may have switched from its default to suit the
+        // programs playing).
+        if (auto found = negotiatedRates.find(lookup(n->props, PW_KEY_NODE_NAME)); found != negotiatedRates.end())
+            return static_cast<double>(found->second);
         if (auto rate = parseInteger(lookup(n->props, PW_KEY_AUDIO_RATE)); rate && *rate > 0)
             return static_cast<double>(*rate);
         return setting("clock.rate").value_or(48000.0);
@@ -978,6 +1025,31 @@ struct PipeWireAudioHardware::Data {
             0, nullptr, 0, true, &change);
     }
 
+    // Publishes (or withdraws) the streams to the process callbacks.
+    void setRealtimeStreams(Duplex& duplex, bool alive)
+    {
+        struct Change {
+            Duplex* duplex;
+            bool alive;
+        } change { &duplex, alive };
+        pw_data_loop_invoke(
+            pw_context_get_data_loop(context),
+            [](spa_loop*, bool, uint32_t, const void*, size_t, void* user) -> int {
+                auto* c = static_cast<Change*>(user);
+                c->duplex->rtTap = c->alive ? c->duplex->tap : nullptr;
+                c->duplex->rtOutput = c->alive ? c->duplex->output : nullptr;
+                c->duplex->rtAlive = c->alive;
+                return 0;
+            },
+            0, nullptr, 0, true, &change);
+    }
+
+    void destroyStreams(Duplex& duplex)
+    {
+        setRealtimeStreams(duplex, false);
+        duplex.destroyStreams();
+    }
+
     void stopDuplex(Duplex& duplex)
     {
         if (duplex.routing)
@@ -1010,8 +1082,10 @@ struct PipeWireAudioHardware::Data {
             };
             e.process = [](void* d) {
                 auto* duplex = static_cast<Duplex*>(d);
-                if (duplex->output)
-                    pw_stream_trigger_process(duplex->output);
+                if (!duplex->rtAlive)
+                    return;
+                if (duplex->rtOutput)
+                    pw_stream_trigger_process(duplex->rtOutput);
                 else
                     duplex->captureCycle();
             };
@@ -1049,6 +1123,8 @@ struct PipeWireAudioHardware::Data {
             spa_audio_info_raw info {};
             if (spa_format_audio_raw_parse(param, &info) >= 0 && info.rate > 0) {
                 duplex.negotiatedRate.store(info.rate);
+                if (duplex.outputUID)
+                    negotiatedRates[*duplex.outputUID] = info.rate;
                 notifyListeners();
             }
         } else if (id == SPA_PARAM_Latency && duplex.output) {
@@ -1103,6 +1179,7 @@ struct PipeWireAudioHardware::Data {
             if (!duplex.output)
                 return kAudioHardwareUnspecifiedError;
             pw_stream_add_listener(duplex.output, &duplex.outputListener, &outputEvents(), &duplex);
+            setRealtimeStreams(duplex, true);
             // The output first: it is triggered by the tap, so it must exist
             // before the tap's first cycle.
             int res = pw_stream_connect(duplex.output, PW_DIRECTION_OUTPUT, PW_ID_ANY,
@@ -1114,6 +1191,7 @@ struct PipeWireAudioHardware::Data {
             if (res < 0)
                 return kAudioHardwareUnspecifiedError;
         }
+        setRealtimeStreams(duplex, true);
         int res = pw_stream_connect(duplex.tap, PW_DIRECTION_INPUT, PW_ID_ANY,
                                     static_cast<pw_stream_flags>(PW_STREAM_FLAG_MAP_BUFFERS
                                                                  | PW_STREAM_FLAG_RT_PROCESS),
@@ -1473,7 +1551,7 @@ OSStatus PipeWireAudioHardware::createAggregateDevice(const AggregateDescription
     Duplex& created = *duplex;
     data->aggregates[created.id] = std::move(duplex);
     if (OSStatus status = data->createStreams(created)) {
-        created.destroyStreams();
+        data->destroyStreams(created);
         data->aggregates.erase(created.id);
         return status;
     }
@@ -1488,7 +1566,7 @@ OSStatus PipeWireAudioHardware::destroyAggregateDevice(AudioObjectID device)
     if (!duplex)
         return kAudioHardwareBadObjectError;
     data->stopDuplex(*duplex);
-    duplex->destroyStreams();
+    data->destroyStreams(*duplex);
     data->aggregates.erase(device);
     data->sync();
     return kAudioHardwareNoError;

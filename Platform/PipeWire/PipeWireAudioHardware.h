@@ -15,6 +15,11 @@
 // Process objects, taps and aggregates are the backend's own IDs (process
 // object = 0x40000000 + PID); everything else is a PipeWire global id.
 //
+// Statuses: no daemon reachable (the connection is retried by each call) ->
+// kAudioHardwareNotRunningError; a client the access rules reject, or one that
+// may not write the "default" metadata (restricted) when a tap is created ->
+// kAudioHardwarePermissionDenied.
+//
 // Threads: all operations may be called from any non-real-time thread; they
 // take the backend's PipeWire loop lock. The IO procedure runs on PipeWire's
 // data thread. Listener jobs are queued on their serial queues from the

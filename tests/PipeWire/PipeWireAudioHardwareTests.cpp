@@ -211,6 +211,24 @@ TEST(PipeWireAudioHardware, ARestrictedClientIsRefusedAsPermissionDeniedAndRoute
     EXPECT_FALSE(graph.metadata(*graph.nodeID("sorva_test_player"), "target.object"));
 }
 
+TEST(PipeWireAudioHardware, ARejectedClientFailsAtOnceAndRoutesNothing)
+{
+    PrivateSession session({ "--reject", SORVA_ENGINE_HOST });
+    ASSERT_TRUE(session.ready());
+    TestGraph graph;
+    graph.startPlayer(std::vector<float>(48000 * 2, 0.0f));
+    ASSERT_TRUE(TestGraph::waitFor([&] { return graph.nodeID("sorva_test_player").has_value(); }, 3s));
+
+    auto started = std::chrono::steady_clock::now();
+    ChildProcess host({ SORVA_ENGINE_HOST });
+    auto line = host.readLine(15s);
+    ASSERT_TRUE(line);
+    EXPECT_EQ(line->rfind("FAILED ", 0), 0u) << *line;
+    EXPECT_LT(std::chrono::steady_clock::now() - started, 2s) << "a refused client is not waited for";
+    EXPECT_FALSE(graph.nodeID("sorva_system_tap"));
+    EXPECT_FALSE(graph.metadata(*graph.nodeID("sorva_test_player"), "target.object"));
+}
+
 TEST(PipeWireAudioHardware, WithoutADaemonEveryCallFailsClearly)
 {
     auto empty = std::filesystem::temp_directory_path() / ("sorva-no-daemon-" + std::to_string(::getpid()));
@@ -225,6 +243,88 @@ TEST(PipeWireAudioHardware, WithoutADaemonEveryCallFailsClearly)
     EXPECT_EQ(hardware.createProcessTap(TapDescription {}, tap), kAudioHardwareNotRunningError);
     EXPECT_TRUE(hardware.runningApplications().empty());
     std::filesystem::remove_all(empty);
+}
+
+// The buffered engine's capture device: a tap and no output device. The
+// procedure gets the routed program's mix and no output buffers.
+struct CaptureCounter {
+    std::atomic<uint64_t> frames { 0 };
+    std::atomic<uint32_t> outputBuffers { 99 };
+    std::atomic<float> peak { 0.0f };
+};
+
+void countCapture(void* context, const AudioTimeStamp*, const AudioBufferList* input, const AudioTimeStamp*,
+                  AudioBufferList* output, const AudioTimeStamp*) noexcept
+{
+    auto* counter = static_cast<CaptureCounter*>(context);
+    counter->outputBuffers = output->mNumberBuffers;
+    if (input->mNumberBuffers < 1 || !input->mBuffers[0].mData)
+        return;
+    const auto* samples = static_cast<const float*>(input->mBuffers[0].mData);
+    uint32_t count = input->mBuffers[0].mDataByteSize / 4;
+    float peak = counter->peak.load();
+    for (uint32_t i = 0; i < count; ++i)
+        peak = std::max(peak, std::fabs(samples[i]));
+    counter->peak = peak;
+    counter->frames += count / 2;
+}
+
+TEST(PipeWireAudioHardware, CapturesTheSelectedProgramWithoutAnOutputDeviceAndUndoesItOnStop)
+{
+    PrivateSession session;
+    ASSERT_TRUE(session.ready());
+    TestGraph graph;
+    ChildProcess player({ "pw-play", toneFile(session, 10) });
+    ASSERT_TRUE(TestGraph::waitFor([&] { return graph.nodeID("pw-play").has_value(); }, 3s));
+    PipeWireAudioHardware hardware;
+
+    AudioObjectID process = 0;
+    ASSERT_EQ(hardware.translatePIDToProcessObject(player.pid(), process), 0);
+    TapDescription description = TapDescription::stereoMixdownOfProcesses({ process });
+    description.uuid = "5e1f0c3a-8d2b-4c6e-9f10-2a3b4c5d6e7f";
+    description.name = "SORVA System Tap";
+    AudioObjectID tap = 0;
+    ASSERT_EQ(hardware.createProcessTap(description, tap), 0);
+    AudioStreamBasicDescription format;
+    ASSERT_EQ(hardware.tapFormat(tap, format), 0);
+    EXPECT_EQ(format.mSampleRate, 48000.0);
+    EXPECT_EQ(format.mChannelsPerFrame, 2u);
+
+    AggregateDescription capture;
+    capture.name = "SORVA Capture";
+    capture.uid = "com.sorva.app.capture";
+    capture.taps = { { "5E1F0C3A-8D2B-4C6E-9F10-2A3B4C5D6E7F", true } };
+    AudioObjectID device = 0;
+    ASSERT_EQ(hardware.createAggregateDevice(capture, device), 0);
+    CaptureCounter counter;
+    AudioDeviceIOProcID proc = 0;
+    ASSERT_EQ(hardware.createIOProcID(device, countCapture, &counter, proc), 0);
+    ASSERT_NE(proc, 0u);
+    AudioDeviceIOProcID second = 0;
+    EXPECT_NE(hardware.createIOProcID(device, countCapture, &counter, second), 0) << "one procedure per device";
+    EXPECT_NE(hardware.startDevice(device, proc + 1), 0);
+    EXPECT_EQ(counter.frames.load(), 0u) << "not called before the device starts";
+
+    ASSERT_EQ(hardware.startDevice(device, proc), 0);
+    auto tapNode = graph.nodeID("sorva_system_tap");
+    ASSERT_TRUE(tapNode);
+    EXPECT_TRUE(TestGraph::waitFor([&] { return graph.linked(*graph.nodeID("pw-play"), *tapNode); }, 3s));
+    EXPECT_TRUE(TestGraph::waitFor([&] { return counter.frames.load() > 48000 / 2; }, 3s));
+    EXPECT_NEAR(counter.peak.load(), 8000.0 / 32768.0, 1e-3) << "the program's tone, as played";
+    EXPECT_EQ(counter.outputBuffers.load(), 0u);
+    EXPECT_FALSE(graph.nodeID("sorva_output"));
+
+    ASSERT_EQ(hardware.stopDevice(device, proc), 0);
+    uint64_t stoppedAt = counter.frames.load();
+    EXPECT_FALSE(graph.metadata(*graph.nodeID("pw-play"), "target.object"));
+    EXPECT_EQ(hardware.destroyIOProcID(device, proc), 0);
+    EXPECT_EQ(hardware.destroyAggregateDevice(device), 0);
+    EXPECT_NE(hardware.destroyAggregateDevice(device), 0);
+    EXPECT_EQ(hardware.destroyProcessTap(tap), 0);
+    std::this_thread::sleep_for(100ms);
+    EXPECT_EQ(counter.frames.load(), stoppedAt) << "no call after stopDevice returned";
+    EXPECT_TRUE(TestGraph::waitFor([&] { return !graph.nodeID("sorva_system_tap"); }, 3s));
+    EXPECT_TRUE(TestGraph::waitFor([&] { return graph.linked(*graph.nodeID("pw-play"), *graph.nodeID("speakers")); }, 3s));
 }
 
 TEST(RoutingJournal, KeepsEveryEntryAcrossReopeningAndSkipsDamagedLines)

@@ -8,6 +8,11 @@ PrivateSession::PrivateSession(const std::vector<std::string>& options)
 {
     std::vector<std::string> argv { SORVA_SOURCE_DIR "/scripts/pw-session" };
     argv.insert(argv.end(), options.begin(), options.end());
+    // Measurements run the same tests at other graph quanta.
+    if (const char* quantum = std::getenv("SORVA_PW_QUANTUM"); quantum && *quantum) {
+        argv.push_back("--quantum");
+        argv.push_back(quantum);
+    }
     argv.push_back("--serve");
     script = std::make_unique<ChildProcess>(argv);
     while (auto line = script->readLine(std::chrono::seconds(15))) {

@@ -37,6 +37,8 @@ struct TestGraph::Data {
     pw_core* core = nullptr;
     pw_registry* registry = nullptr;
     spa_hook registryListener {};
+    spa_hook coreListener {};
+    int doneSeq = 0;
     pw_metadata* defaultMetadata = nullptr;
     spa_hook metadataListener {};
     std::map<uint32_t, Global> globals;
@@ -57,6 +59,22 @@ struct TestGraph::Data {
     std::atomic<int64_t> recorderStart { -1 };
     uint64_t expectedPosition = 0;
     std::atomic<uint64_t> gaps { 0 };
+    std::atomic<uint32_t> cycleFrames { 0 };
+    // (graph position, first recorded frame) of each recorded cycle.
+    std::vector<std::pair<uint64_t, size_t>> cycles;
+    std::atomic<size_t> cycleCount { 0 };
+
+    // Every event the daemon sent before now has arrived (loop lock held).
+    void roundtrip()
+    {
+        int seq = pw_core_sync(core, PW_ID_CORE, 0);
+        timespec deadline {};
+        pw_thread_loop_get_time(loop, &deadline, 3 * SPA_NSEC_PER_SEC);
+        while (doneSeq - seq < 0) {
+            if (pw_thread_loop_timed_wait_full(loop, &deadline) != 0)
+                return;
+        }
+    }
 
     struct Lock {
         explicit Lock(pw_thread_loop* l)
@@ -115,6 +133,7 @@ struct TestGraph::Data {
             uint32_t size = std::min(d.chunk->size, d.maxsize - offset);
             uint32_t frames = size / 8;
             uint64_t position = recorder.position->clock.position;
+            cycleFrames.store(frames);
             size_t have = recordedFrames.load();
             if (have == 0) {
                 recorderStart.store(static_cast<int64_t>(position));
@@ -123,6 +142,11 @@ struct TestGraph::Data {
             }
             expectedPosition = position + frames;
             size_t n = std::min<size_t>(frames, recording.size() / 2 - have);
+            size_t cycle = cycleCount.load();
+            if (n > 0 && cycle < cycles.size()) {
+                cycles[cycle] = { position, have };
+                cycleCount.store(cycle + 1);
+            }
             std::memcpy(recording.data() + have * 2, SPA_PTROFF(d.data, offset, float), n * 8);
             recordedFrames.store(have + n);
         }
@@ -178,6 +202,22 @@ TestGraph::TestGraph()
         return e;
     }();
     pw_registry_add_listener(data->registry, &data->registryListener, &events, data.get());
+    static const pw_core_events coreEvents = [] {
+        pw_core_events e {};
+        e.version = PW_VERSION_CORE_EVENTS;
+        e.done = [](void* p, uint32_t id, int seq) {
+            auto* d = static_cast<Data*>(p);
+            if (id == PW_ID_CORE) {
+                d->doneSeq = seq;
+                pw_thread_loop_signal(d->loop, false);
+            }
+        };
+        return e;
+    }();
+    pw_core_add_listener(data->core, &data->coreListener, &coreEvents, data.get());
+    // The globals, then the metadata values of what was bound.
+    data->roundtrip();
+    data->roundtrip();
 }
 
 TestGraph::~TestGraph()
@@ -190,6 +230,8 @@ TestGraph::~TestGraph()
             spa_hook_remove(&data->metadataListener);
             pw_proxy_destroy(reinterpret_cast<pw_proxy*>(data->defaultMetadata));
         }
+        if (data->core)
+            spa_hook_remove(&data->coreListener);
         if (data->registry) {
             spa_hook_remove(&data->registryListener);
             pw_proxy_destroy(reinterpret_cast<pw_proxy*>(data->registry));
@@ -260,6 +302,8 @@ void TestGraph::startRecorder(const std::string& speaker, size_t capacityFrames)
 {
     Data::Lock lock(data->loop);
     data->recording.assign(capacityFrames * 2, 0.0f);
+    data->cycles.assign(capacityFrames / 16 + 1, { 0, 0 });
+    data->cycleCount = 0;
     data->recordedFrames = 0;
     data->recorderStart = -1;
     data->gaps = 0;
@@ -301,6 +345,18 @@ std::optional<uint64_t> TestGraph::recorderStartPosition()
 }
 
 uint64_t TestGraph::recorderGaps() { return data->gaps.load(); }
+
+std::optional<uint64_t> TestGraph::recordedFramePosition(size_t frame)
+{
+    size_t count = data->cycleCount.load();
+    for (size_t i = count; i-- > 0;) {
+        auto [position, first] = data->cycles[i];
+        if (first <= frame)
+            return position + (frame - first);
+    }
+    return std::nullopt;
+}
+uint32_t TestGraph::recorderCycleFrames() { return data->cycleFrames.load(); }
 
 void TestGraph::stopRecorder()
 {

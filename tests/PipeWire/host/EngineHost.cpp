@@ -7,7 +7,9 @@
 // Runs SystemEQProcessor on the PipeWire backend with the default bands at the
 // given gains. Prints "READY" when started (or "FAILED <description>" and
 // exits 1), then runs until standard input closes or a line "stop" arrives,
-// stops the engine, prints "STOPPED" and exits 0. With --tap-only it only
+// stops the engine, prints "STOPPED" and exits 0. When the engine reports a
+// configuration change it is rebuilt, as the controller does, and the host
+// prints "REBUILT <device name> <rate>". With --tap-only it only
 // creates and destroys a tap (which replays the routing journal) and exits.
 // Main thread: the engine's main thread; the executor's jobs run here too.
 #include "Audio/SystemEQProcessor.h"
@@ -16,9 +18,12 @@
 #include "Platform/PipeWire/PipeWireAudioHardware.h"
 
 #include <cstdio>
+#include <functional>
+#include <memory>
 #include <cstdlib>
 #include <iostream>
-#include <poll.h>
+#include <atomic>
+#include <thread>
 #include <sstream>
 #include <string>
 #include <unistd.h>
@@ -63,30 +68,42 @@ int main(int argc, char** argv)
     std::vector<EQBand> bands = EQConfig::defaultConfig().bands;
     for (size_t band = 0; band < bands.size() && band < gains.size(); ++band)
         bands[band].gain = gains[band];
-    SystemEQProcessor engine(static_cast<int64_t>(bands.size()), hardware, executor);
-    try {
-        engine.start(bands, outputGain);
-    } catch (const AudioTapError& error) {
-        std::cout << "FAILED " << error.errorDescription() << std::endl;
+    // Like the controller: a configuration change stops the engine and starts
+    // a new one, on whatever the default device is then.
+    std::unique_ptr<SystemEQProcessor> engine;
+    std::function<bool()> startEngine = [&] {
+        engine = std::make_unique<SystemEQProcessor>(static_cast<int64_t>(bands.size()), hardware, executor);
+        engine->onConfigurationChange = [&] {
+            engine->stop();
+            bool started = startEngine();
+            std::cout << (started ? "REBUILT " + engine->outputDeviceName + " " + std::to_string(engine->sampleRate) : "REBUILD FAILED") << std::endl;
+        };
+        try {
+            engine->start(bands, outputGain);
+        } catch (const AudioTapError& error) {
+            std::cout << "FAILED " << error.errorDescription() << std::endl;
+            return false;
+        }
+        return true;
+    };
+    if (!startEngine())
         return 1;
-    }
     std::cout << "READY" << std::endl;
 
-    std::string pending;
-    for (;;) {
-        executor.runPending();
-        pollfd input { STDIN_FILENO, POLLIN, 0 };
-        if (::poll(&input, 1, 20) <= 0)
-            continue;
-        char chunk[256];
-        ssize_t got = ::read(STDIN_FILENO, chunk, sizeof chunk);
-        if (got <= 0)
-            break;
-        pending.append(chunk, static_cast<size_t>(got));
-        if (pending.find("stop") != std::string::npos)
-            break;
-    }
-    engine.stop();
+    // A reader thread turns the end of input (or "stop") into a job, so the
+    // main thread sleeps in the executor until there is work: the host itself
+    // must not cost CPU while the engine idles.
+    std::atomic<bool> stopRequested { false };
+    std::thread reader([&] {
+        std::string line;
+        while (std::getline(std::cin, line) && line.find("stop") == std::string::npos) {
+        }
+        executor.post([&] { stopRequested = true; });
+    });
+    while (!stopRequested)
+        executor.runNext(std::chrono::milliseconds(1000));
+    reader.join();
+    engine->stop();
     executor.runPending();
     std::cout << "STOPPED" << std::endl;
     return 0;
