@@ -500,6 +500,14 @@ void EQController::poll()
     if (signal)
         hasEverCapturedSignal = true;
 
+    // A missing permission shows as silence that the tap delivers. An idle
+    // PipeWire graph delivers nothing at all (nothing plays, and our passive
+    // streams are suspended with everything else), which says nothing about
+    // the permission: until the first signal, the grace period only runs
+    // while frames arrive.
+    if (!hasEverCapturedSignal && frames == 0)
+        startedAt = environment.now();
+
     if (!hasEverCapturedSignal && startedAt && environment.now() - *startedAt > permissionGraceSeconds) {
         EQLog::trace("no signal within grace period — permission likely not granted");
         failedWithPermissionDenied = true;

@@ -248,6 +248,28 @@ TEST_F(ControllerTest, NoSignalPastTheGracePeriodMeansPermissionDeniedWithoutFor
     EXPECT_TRUE(hardware->nothingAlive());
 }
 
+TEST_F(ControllerTest, AnIdleGraphThatDeliversNoFramesIsNotAPermissionProblem)
+{
+    auto& eq = make();
+    switchOn();
+    takeLines();
+    // Nothing plays: the graph runs no cycles at all.
+    for (int second = 1; second <= 30; ++second) {
+        executor->advance(1s);
+        executor->runPending();
+    }
+    EXPECT_EQ(eq.status(), Status::idle());
+    EXPECT_EQ(countPrefix(takeLines(), "no signal within grace period"), 0u);
+    // Then the tap delivers silence: the grace period runs from the last
+    // tick without frames, and ends at the ninth tick of delivered silence.
+    for (int second = 1; second <= 8; ++second)
+        tick(false);
+    EXPECT_EQ(countPrefix(takeLines(), "no signal within grace period"), 0u);
+    tick(false);
+    EXPECT_EQ(count(takeLines(), "no signal within grace period — permission likely not granted"), 1u);
+    EXPECT_EQ(eq.status(), Status::permissionDenied());
+}
+
 TEST_F(ControllerTest, SilenceWhileNothingPlaysIsOnlyIdle)
 {
     auto& eq = make();
