@@ -6,11 +6,13 @@
 
 #include "Audio/AudioLifecycleCoordinator.h"
 #include "Audio/EQLog.h"
+#include "Audio/BufferedEQProcessor.h"
 #include "Audio/SystemEQProcessor.h"
 #include "Models/EQPresets.h"
 #include "Models/EQSettings.h"
 #include "Platform/ManualMainExecutor.h"
 #include "Platform/Simulated/SimulatedAudioHardware.h"
+#include "Platform/Simulated/SimulatedOutputEngine.h"
 #include "Platform/SleepWatcher.h"
 #include "QtTestSupport.h"
 #include "TestFolders.h"
@@ -18,6 +20,7 @@
 #include <gtest/gtest.h>
 
 #include <QDBusConnection>
+#include <QSettings>
 
 #include <cmath>
 #include <mutex>
@@ -63,6 +66,7 @@ protected:
             sleeps.push_back(nanoseconds);
         };
         environment.engineWait = [](std::chrono::nanoseconds) {};
+        environment.makeOutputEngine = [] { return std::make_unique<SimulatedOutputEngine>(); };
         environment.makeSleepWatcher = [this] {
             auto watcher = std::make_unique<SleepWatcher>(QDBusConnection(QStringLiteral("sorva-no-bus")));
             sleepWatcher = watcher.get();
@@ -79,6 +83,15 @@ protected:
         return *controller;
     }
 
+    // The buffered engine, as the expert setting chooses it at launch.
+    static void storeBufferedMode(double latencyMs)
+    {
+        QSettings file(QString::fromStdString(EQSettings::filePath().string()), QSettings::IniFormat);
+        file.setValue(QStringLiteral("bufferedMode"), true);
+        file.setValue(QStringLiteral("bufferLatencyMs"), latencyMs);
+        file.sync();
+    }
+
     bool pumpUntil(const std::function<bool()>& done) { return executor->runUntil(done, 5s); }
 
     void switchOn()
@@ -91,8 +104,12 @@ protected:
     // then one supervision tick.
     void tick(bool signal)
     {
-        auto* engine = controller->singleDeviceProcessor();
-        if (engine) {
+        AudioObjectID aggregate = 0;
+        if (auto* engine = controller->singleDeviceProcessor())
+            aggregate = engine->currentAggregateID();
+        else if (auto* engine = controller->bufferedProcessor())
+            aggregate = engine->currentAggregateID();
+        if (aggregate) {
             std::vector<float> input(cycleFrames * 2, signal ? 0.25f : 0.0f);
             std::vector<float> output(cycleFrames * 2, 0.0f);
             AudioBuffer in { 2, static_cast<uint32_t>(input.size() * sizeof(float)), input.data() };
@@ -100,7 +117,7 @@ protected:
             AudioBufferList inList { 1, &in };
             AudioBufferList outList { 1, &out };
             for (int i = 0; i < 4; ++i)
-                hardware->runIOCycle(engine->currentAggregateID(), &inList, &outList);
+                hardware->runIOCycle(aggregate, &inList, &outList);
         }
         executor->advance(1s);
         executor->runPending();
@@ -318,6 +335,60 @@ TEST_F(ControllerTest, SilentTapWhilePlayingRestartsAtTickTwoAndTheFourthRestart
     ASSERT_TRUE(pumpUntil([&] { return !eq.hasSingleDeviceProcessor() && eq.status() == Status::off(); }));
     EXPECT_FALSE(EQSettings::eqEnabled());
     EXPECT_TRUE(hardware->nothingAlive());
+}
+
+TEST_F(ControllerTest, BufferedSilenceWhilePlayingRefreshesAtTwoAndRestartsAtFiveOncePerSilence)
+{
+    storeBufferedMode(80);
+    auto& eq = make();
+    switchOn();
+    ASSERT_TRUE(eq.hasBufferedProcessor());
+    EXPECT_FALSE(eq.hasSingleDeviceProcessor());
+    EXPECT_EQ(eq.diagnostics().toStdString(), "Speakers · 80 ms buffer");
+    tick(true);
+    EXPECT_EQ(eq.status().kind, Status::Case::capturing);
+    setPlaying(true);
+    auto refreshes = [&] { return hardware->callCount(SimulatedAudioHardware::Call::setTapDescription); };
+    int before = refreshes();
+    auto aggregate = eq.bufferedProcessor()->currentAggregateID();
+    takeLines();
+
+    tick(false); // 1
+    EXPECT_EQ(eq.status(), Status::idle());
+    auto log = takeLines();
+    ASSERT_EQ(log.size(), 1u);
+    EXPECT_EQ(log[0].rfind("frames 2048/s · peak 0.0000 · late ", 0), 0u) << log[0];
+    EXPECT_NE(log[0].find(" · buffered "), std::string::npos) << log[0];
+    EXPECT_NE(log[0].find(" · underruns "), std::string::npos) << log[0];
+
+    statuses.clear();
+    tick(false); // 2: the tap is refreshed in place, and that is all
+    EXPECT_EQ(takeLines(), std::vector<std::string> { "tap silent while audio plays — refreshed in place" });
+    EXPECT_EQ(refreshes(), before + 1);
+    EXPECT_TRUE(statuses.empty()) << "no status update in a refresh tick";
+
+    tick(false); // 3
+    tick(false); // 4
+    log = takeLines();
+    EXPECT_EQ(countPrefix(log, "frames "), 2u);
+    EXPECT_EQ(refreshes(), before + 1) << "one refresh per silence";
+
+    tick(false); // 5
+    EXPECT_EQ(count(takeLines(), "tap still silent after 5s — restarting"), 1u);
+    ASSERT_TRUE(pumpUntil([&] {
+        return eq.isRunning() && eq.bufferedProcessor() && eq.bufferedProcessor()->currentAggregateID() != aggregate;
+    }));
+
+    // On the new engine a refresh that fails lets the tick go on as usual.
+    hardware->injectStatus(SimulatedAudioHardware::Call::setTapDescription, 1, 1);
+    takeLines();
+    tick(false);
+    tick(false);
+    log = takeLines();
+    EXPECT_EQ(count(log, "tap refresh failed (OSStatus 1)"), 1u);
+    EXPECT_EQ(countPrefix(log, "tap silent while audio plays"), 0u);
+    EXPECT_EQ(countPrefix(log, "frames "), 2u);
+    EXPECT_EQ(eq.status(), Status::idle());
 }
 
 TEST_F(ControllerTest, RestartsOlderThanTheWindowNoLongerCountAndASignalClearsThem)
