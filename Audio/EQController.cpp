@@ -326,8 +326,17 @@ std::function<void()> EQController::restartOnConfigurationChange()
     };
 }
 
+void EQController::requireHardware() const
+{
+    // Only a production environment built without a reachable session lacks
+    // it; the start then fails like any other.
+    if (!environment.hardware)
+        throw std::runtime_error("no PipeWire session is reachable");
+}
+
 void EQController::startSingleDeviceProcessor()
 {
+    requireHardware();
     auto engine = std::make_unique<SystemEQProcessor>(static_cast<int64_t>(configValue.bands.size()),
                                                       *environment.hardware, *environment.mainExecutor,
                                                       environment.engineWait, environment.monotonicClock);
@@ -350,6 +359,7 @@ void EQController::startSingleDeviceProcessor()
 
 void EQController::startBufferedProcessor()
 {
+    requireHardware();
     double latency = EQSettings::bufferLatencyMs();
     if (!environment.makeOutputEngine)
         throw std::runtime_error("buffered mode needs an audio output, and this audio system offers none");

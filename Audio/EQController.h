@@ -179,6 +179,7 @@ private:
     // Both throw the engine's error (an AudioTapError) on failure.
     void startSingleDeviceProcessor();
     void startBufferedProcessor();
+    void requireHardware() const;
     void handleLifecycleState(AudioLifecycleState state);
 
     void primeMonitorState();
