@@ -5,9 +5,6 @@
 #include "Audio/OutputDevice.h"
 #include "Platform/HostClock.h"
 
-#include <algorithm>
-#include <cctype>
-#include <cmath>
 #include <thread>
 #include <unistd.h>
 
@@ -15,19 +12,8 @@ namespace sorva {
 
 namespace {
 
-constexpr uint64_t settleNanoseconds = 3'000'000'000ull; // engine notifications right after start are dropped
 constexpr std::chrono::milliseconds fadeOutWait { 150 };
 constexpr double ringRate = 48000.0; // the prime length always assumes it
-
-// The current default output device, or 0 when it cannot be read.
-AudioObjectID currentDefaultDevice(AudioHardware& hardware)
-{
-    AudioObjectID device = kAudioObjectUnknown;
-    if (hardware.defaultOutputDevice(device) != kAudioHardwareNoError)
-        return kAudioObjectUnknown;
-    return device;
-}
-
 } // namespace
 
 int64_t BufferedEQProcessor::primeFrames(double latencyMilliseconds)
@@ -44,15 +30,15 @@ BufferedEQProcessor::BufferedEQProcessor(int64_t bandCount, double latency, Audi
                                          std::unique_ptr<OutputEngine> outputEngine, MainExecutor& executor,
                                          Wait waitFunction, NanosecondClock nanosecondClock)
     : hardware(audioHardware)
-    , mainExecutor(executor)
     , wait(waitFunction ? std::move(waitFunction)
                         : Wait([](std::chrono::nanoseconds duration) { std::this_thread::sleep_for(duration); }))
-    , clock(nanosecondClock ? std::move(nanosecondClock) : NanosecondClock(monotonicNanoseconds))
-    , tapUUID(makeUuid())
+    , tapAggregate(audioHardware)
     , engine(std::move(outputEngine))
     , eq(bandCount, 2)
     , ring(ringCapacityFrames, primeFrames(latency), maxReadFrames)
     , latencyMilliseconds(latency)
+    , listeners(audioHardware, executor, std::move(nanosecondClock), DeviceListeners::EarlyDeviceChange::rebuilds,
+                engine.get())
 {
 }
 
@@ -69,25 +55,30 @@ void BufferedEQProcessor::start(const std::vector<EQBand>& bands, double outputG
     if (hardware.defaultOutputDevice(device) != kAudioHardwareNoError || device == kAudioObjectUnknown)
         throw AudioTapError::osStatus("No default output device", -1);
     outputDeviceName = OutputDevice::name(hardware, device);
-    startedDeviceID = device;
-    startedAt = clock();
+    listeners.recordStart(device);
 
     createTap();
-    // Neither the equalizer nor an output can run without a rate; a tap that
-    // reports none is refused here, before anything else is built on it.
-    if (!OutputFormat::planarFloat(sampleRate, 2)) {
+    // A failure from here up to the renderer takes down what was built
+    // before it is reported.
+    try {
+        // Neither the equalizer nor an output can run without a rate; a tap
+        // that reports none is refused here, before anything else is built
+        // on it.
+        if (!OutputFormat::planarFloat(sampleRate, 2))
+            throw AudioTapError::osStatus("Tap sample rate", kAudio_ParamError);
+        createTapAggregate();
+        startCapture();
+    } catch (...) {
         stop();
-        throw AudioTapError::osStatus("Tap sample rate", kAudio_ParamError);
+        throw;
     }
-    createTapAggregate();
-    startCapture();
 
     eq.reset();
     eq.update(bands, outputGainDB, sampleRate);
     fade.start(static_cast<int64_t>(sampleRate * 0.15), 1.0f);
 
     startRenderer();
-    installListeners(device);
+    listeners.install(device, sampleRate, onConfigurationChange);
 
     EQLog::trace("buffered processor started — " + outputDeviceName + " @ " + decimalText(sampleRate) + " Hz, "
                  + std::to_string(static_cast<int64_t>(latencyMilliseconds)) + " ms buffer");
@@ -95,66 +86,24 @@ void BufferedEQProcessor::start(const std::vector<EQBand>& bands, double outputG
 
 void BufferedEQProcessor::createTap()
 {
-    AudioObjectID own = kAudioObjectUnknown;
-    const OSStatus translated = hardware.translatePIDToProcessObject(static_cast<int32_t>(::getpid()), own);
-    if (translated != kAudioHardwareNoError)
-        throw AudioTapError::osStatus("TranslatePIDToProcessObject", translated);
-
-    TapDescription description = TapDescription::stereoGlobalTapButExcludeProcesses({ own });
-    description.uuid = tapUUID;
-    description.name = "SORVA System Tap";
-    description.isPrivate = true;
-    description.muteBehavior = TapDescription::MuteBehavior::mutedWhenTapped;
-
-    AudioObjectID tap = kAudioObjectUnknown;
-    const OSStatus status = hardware.createProcessTap(description, tap);
-    if (status != kAudioHardwareNoError)
-        throw AudioTapError::osStatus("AudioHardwareCreateProcessTap", status);
-    tapID = tap;
-    tapDescription = description;
+    const AudioObjectID own = TapAggregate::translatePIDToProcessObject(hardware, static_cast<int32_t>(::getpid()));
+    tapDescription = tapAggregate.createTap(TapDescription::stereoGlobalTapButExcludeProcesses({ own }),
+                                            TapAggregate::DeniedPermission::asStatus);
 
     AudioStreamBasicDescription format;
-    if (hardware.tapFormat(tapID, format) == kAudioHardwareNoError)
+    if (hardware.tapFormat(tapAggregate.currentTapID(), format) == kAudioHardwareNoError)
         sampleRate = format.mSampleRate;
 }
 
 void BufferedEQProcessor::createTapAggregate()
 {
-    AggregateDescription description;
-    description.name = "SORVA Capture";
-    description.uid = "com.sorva.app.capture";
-    description.isPrivate = true;
-    description.isStacked = false;
-    description.tapAutoStart = true;
     // The device is the tap alone: no main sub-device, no sub-devices.
-    std::string uuid = tapUUID;
-    std::transform(uuid.begin(), uuid.end(), uuid.begin(), [](unsigned char c) { return static_cast<char>(std::toupper(c)); });
-    description.taps = { AggregateDescription::SubTap { uuid, true } };
-
-    AudioObjectID device = kAudioObjectUnknown;
-    const OSStatus status = hardware.createAggregateDevice(description, device);
-    if (status != kAudioHardwareNoError) {
-        stop();
-        throw AudioTapError::osStatus("AudioHardwareCreateAggregateDevice", status);
-    }
-    aggregateID = device;
+    tapAggregate.createAggregate(tapAggregate.aggregateDescription("SORVA Capture", "com.sorva.app.capture"));
 }
 
 void BufferedEQProcessor::startCapture()
 {
-    AudioDeviceIOProcID procID = 0;
-    const OSStatus created = hardware.createIOProcID(aggregateID, &BufferedEQProcessor::captureProc, &ring, procID);
-    if (created != kAudioHardwareNoError || procID == 0) {
-        stop();
-        throw AudioTapError::osStatus("AudioDeviceCreateIOProcIDWithBlock", created);
-    }
-    ioProcID = procID;
-
-    const OSStatus started = hardware.startDevice(aggregateID, ioProcID);
-    if (started != kAudioHardwareNoError) {
-        stop();
-        throw AudioTapError::osStatus("AudioDeviceStart", started);
-    }
+    tapAggregate.startIOProc(&BufferedEQProcessor::captureProc, &ring);
 }
 
 void BufferedEQProcessor::startRenderer()
@@ -167,128 +116,26 @@ void BufferedEQProcessor::startRenderer()
     engine->start();
 }
 
-// --- Listeners ------------------------------------------------------------------
-
-void BufferedEQProcessor::installListeners(AudioObjectID device)
-{
-    listenerDevice = device;
-    const uint64_t deadline = startedAt + settleNanoseconds;
-
-    // The handlers work on copies only: they never read the engine, which may
-    // be gone by the time a queued handler runs.
-    AudioHardware* audioHardware = &hardware;
-    MainExecutor* executor = &mainExecutor;
-    const std::function<void()> callback = onConfigurationChange;
-    const AudioObjectID started = startedDeviceID;
-    const NanosecondClock now = clock;
-
-    // The output's notification arrives on its own thread; the decision is
-    // taken on the main thread, where the callback is called directly.
-    engineObserver = engine->addConfigurationObserver([audioHardware, executor, callback, deadline, started, now] {
-        executor->post([audioHardware, callback, deadline, started, now] {
-            if (now() <= deadline)
-                return;
-            const AudioObjectID current = currentDefaultDevice(*audioHardware);
-            if (current == kAudioObjectUnknown || current == started)
-                return;
-            EQLog::trace("engine configuration changed — rebuilding");
-            if (callback)
-                callback();
-        });
-    });
-
-    auto listenerQueue = std::make_shared<SerialQueue>("com.sorva.app.listeners");
-
-    const double startedRate = sampleRate;
-    auto rateHandler = [audioHardware, executor, callback, startedRate] {
-        const AudioObjectID current = currentDefaultDevice(*audioHardware);
-        if (current == kAudioObjectUnknown)
-            return;
-        double rate = 0.0;
-        if (audioHardware->nominalSampleRate(current, rate) != kAudioHardwareNoError)
-            return;
-        if (rate > 0.0 && std::fabs(rate - startedRate) > 1.0) {
-            EQLog::trace("output sample rate changed — rebuilding");
-            executor->post([callback] {
-                if (callback)
-                    callback();
-            });
-        }
-    };
-    AudioPropertyListenerRegistration rateRegistration;
-    if (hardware.addPropertyListener(device, { kAudioDevicePropertyNominalSampleRate }, listenerQueue, rateHandler,
-                                     rateRegistration)
-        == kAudioHardwareNoError)
-        rateListener = rateRegistration;
-
-    // No settle deadline here: the output follows the default device at once,
-    // so the chain must be rebuilt at once too.
-    auto deviceHandler = [audioHardware, executor, callback, started] {
-        const AudioObjectID current = currentDefaultDevice(*audioHardware);
-        if (current == kAudioObjectUnknown || current == started)
-            return;
-        EQLog::trace("default output device changed — rebuilding");
-        executor->post([callback] {
-            if (callback)
-                callback();
-        });
-    };
-    AudioPropertyListenerRegistration deviceRegistration;
-    if (hardware.addPropertyListener(kAudioObjectSystemObject, { kAudioHardwarePropertyDefaultOutputDevice },
-                                     listenerQueue, deviceHandler, deviceRegistration)
-        == kAudioHardwareNoError)
-        deviceListener = deviceRegistration;
-}
-
-void BufferedEQProcessor::removeListeners()
-{
-    if (engineObserver) {
-        engine->removeConfigurationObserver(*engineObserver);
-        engineObserver.reset();
-    }
-    if (rateListener && listenerDevice != kAudioObjectUnknown) {
-        hardware.removePropertyListener(*rateListener);
-        rateListener.reset();
-    }
-    if (deviceListener) {
-        hardware.removePropertyListener(*deviceListener);
-        deviceListener.reset();
-    }
-    listenerDevice = kAudioObjectUnknown;
-}
-
 // --- Stop and refresh ------------------------------------------------------------
 
 void BufferedEQProcessor::stop()
 {
-    removeListeners();
+    listeners.remove();
 
-    if (ioProcID != 0 || engine->isRunning()) {
+    if (tapAggregate.currentIOProcID() != 0 || engine->isRunning()) {
         fade.start(static_cast<int64_t>(sampleRate * 0.12), -1.0f);
         // The renderer is still pulling: let it play the fade-out to silence.
         wait(fadeOutWait);
     }
     engine->stop();
-    if (ioProcID != 0 && aggregateID != kAudioObjectUnknown) {
-        hardware.stopDevice(aggregateID, ioProcID);
-        hardware.destroyIOProcID(aggregateID, ioProcID);
-        ioProcID = 0;
-    }
-    if (aggregateID != kAudioObjectUnknown) {
-        hardware.destroyAggregateDevice(aggregateID);
-        aggregateID = kAudioObjectUnknown;
-    }
-    if (tapID != kAudioObjectUnknown) {
-        hardware.destroyProcessTap(tapID);
-        tapID = kAudioObjectUnknown;
-    }
+    tapAggregate.teardown();
 }
 
 bool BufferedEQProcessor::refreshTap()
 {
-    if (tapID == kAudioObjectUnknown || !tapDescription)
+    if (tapAggregate.currentTapID() == kAudioObjectUnknown || !tapDescription)
         return false;
-    const OSStatus status = hardware.setTapDescription(tapID, *tapDescription);
+    const OSStatus status = hardware.setTapDescription(tapAggregate.currentTapID(), *tapDescription);
     if (status == kAudioHardwareNoError)
         return true;
     EQLog::trace("tap refresh failed (OSStatus " + std::to_string(status) + ")");

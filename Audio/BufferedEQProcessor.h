@@ -22,10 +22,12 @@
 
 #include "Audio/AudioTapError.h"
 #include "Audio/BiquadEQ.h"
+#include "Audio/DeviceListeners.h"
 #include "Audio/FadeRamp.h"
 #include "Audio/RenderTiming.h"
 #include "Audio/SpectrumAnalyzer.h"
 #include "Audio/StereoRingBuffer.h"
+#include "Audio/TapAggregate.h"
 #include "Models/EQBand.h"
 #include "Platform/AudioHardware.h"
 #include "Platform/MainExecutor.h"
@@ -70,8 +72,7 @@ public:
                         std::unique_ptr<OutputEngine> outputEngine, MainExecutor& mainExecutor, Wait wait = {},
                         NanosecondClock clock = {});
     ~BufferedEQProcessor();
-    BufferedEQProcessor(const BufferedEQProcessor&) = delete;
-    BufferedEQProcessor& operator=(const BufferedEQProcessor&) = delete;
+    // Not copyable: it owns a tap chain and installed listeners.
 
     // Builds and starts the chain. Throws AudioTapError for the audio
     // hardware's failures (whatever was created has been removed again,
@@ -94,23 +95,22 @@ public:
     static OSStatus renderCycle(RenderContext& context, uint32_t frameCount, AudioBufferList* output) noexcept;
 
     // What the engine currently owns (0 = nothing).
-    AudioObjectID currentTapID() const { return tapID; }
-    AudioObjectID currentAggregateID() const { return aggregateID; }
-    AudioDeviceIOProcID currentIOProcID() const { return ioProcID; }
-    AudioObjectID currentListenerDevice() const { return listenerDevice; }
-    AudioObjectID deviceAtStart() const { return startedDeviceID; }
-    const std::string& tapIdentifier() const { return tapUUID; }
+    AudioObjectID currentTapID() const { return tapAggregate.currentTapID(); }
+    AudioObjectID currentAggregateID() const { return tapAggregate.currentAggregateID(); }
+    AudioDeviceIOProcID currentIOProcID() const { return tapAggregate.currentIOProcID(); }
+    const std::string& tapIdentifier() const { return tapAggregate.tapIdentifier(); }
     const std::optional<TapDescription>& currentTapDescription() const { return tapDescription; }
     OutputEngine& output() { return *engine; }
     const std::shared_ptr<OutputSourceNode>& currentSourceNode() const { return sourceNode; }
+    // The start the listeners watch over (0 = none).
+    AudioObjectID currentListenerDevice() const { return listeners.currentListenerDevice(); }
+    AudioObjectID deviceAtStart() const { return listeners.deviceAtStart(); }
 
 private:
     void createTap();
     void createTapAggregate();
     void startCapture();
     void startRenderer();
-    void installListeners(AudioObjectID device);
-    void removeListeners();
     static void captureProc(void* context, const AudioTimeStamp* now, const AudioBufferList* input,
                             const AudioTimeStamp* inputTime, AudioBufferList* output,
                             const AudioTimeStamp* outputTime) noexcept;
@@ -118,14 +118,9 @@ private:
                                AudioBufferList* output) noexcept;
 
     AudioHardware& hardware;
-    MainExecutor& mainExecutor;
     Wait wait;
-    NanosecondClock clock;
 
-    AudioObjectID tapID = kAudioObjectUnknown;
-    AudioObjectID aggregateID = kAudioObjectUnknown;
-    AudioDeviceIOProcID ioProcID = 0;
-    std::string tapUUID;
+    TapAggregate tapAggregate;
     std::optional<TapDescription> tapDescription;
     std::unique_ptr<OutputEngine> engine;
     std::shared_ptr<OutputSourceNode> sourceNode;
@@ -146,12 +141,9 @@ public:
     std::function<void()> onConfigurationChange;
 
 private:
-    std::optional<uint64_t> engineObserver;
-    AudioObjectID listenerDevice = kAudioObjectUnknown;
-    AudioObjectID startedDeviceID = kAudioObjectUnknown;
-    uint64_t startedAt = 0; // clock nanoseconds; 0 = the distant past
-    std::optional<AudioPropertyListenerRegistration> rateListener;
-    std::optional<AudioPropertyListenerRegistration> deviceListener;
+    // Installed at the end of start, removed at the beginning of stop; they
+    // observe the output too.
+    DeviceListeners listeners;
     // The render procedure's context; lives as long as the source node may
     // be rendered.
     std::unique_ptr<RenderContext> renderContext;

@@ -6,7 +6,6 @@
 #include "Platform/HostClock.h"
 
 #include <algorithm>
-#include <cmath>
 #include <cstdlib>
 #include <cstring>
 #include <limits>
@@ -17,7 +16,6 @@ namespace sorva {
 
 namespace {
 
-constexpr uint64_t settleNanoseconds = 3'000'000'000ull; // device changes right after start are dropped
 constexpr std::chrono::milliseconds fadeOutWait { 150 };
 
 // "SORVA_IOBUF": an unsigned 32-bit decimal, optionally signed as the standard
@@ -46,29 +44,18 @@ std::optional<uint32_t> parseBufferRequest(const char* text)
         return std::nullopt;
     return static_cast<uint32_t>(value);
 }
-
-// The current default output device, or 0 when it cannot be read.
-AudioObjectID currentDefaultDevice(AudioHardware& hardware)
-{
-    AudioObjectID device = kAudioObjectUnknown;
-    if (hardware.defaultOutputDevice(device) != kAudioHardwareNoError)
-        return kAudioObjectUnknown;
-    return device;
-}
-
 } // namespace
 
 SystemEQProcessor::SystemEQProcessor(int64_t bandCount, AudioHardware& audioHardware, MainExecutor& executor,
                                      Wait waitFunction, NanosecondClock nanosecondClock)
     : hardware(audioHardware)
-    , mainExecutor(executor)
     , wait(waitFunction ? std::move(waitFunction)
                         : Wait([](std::chrono::nanoseconds duration) { std::this_thread::sleep_for(duration); }))
-    , clock(nanosecondClock ? std::move(nanosecondClock) : NanosecondClock(monotonicNanoseconds))
-    , tapUUID(makeUuid())
+    , tapAggregate(audioHardware)
     , eq(bandCount, 2)
     , recorder(12.0, 2, 48000.0, executor)
     , diagnosticScratch(new float[diagnosticScratchCapacity]())
+    , listeners(audioHardware, executor, std::move(nanosecondClock), DeviceListeners::EarlyDeviceChange::ignored)
 {
 }
 
@@ -81,11 +68,7 @@ SystemEQProcessor::~SystemEQProcessor()
 
 AudioObjectID SystemEQProcessor::translatePIDToProcessObject(AudioHardware& hardware, int32_t pid)
 {
-    AudioObjectID process = kAudioObjectUnknown;
-    const OSStatus status = hardware.translatePIDToProcessObject(pid, process);
-    if (status != kAudioHardwareNoError)
-        throw AudioTapError::osStatus("TranslatePIDToProcessObject", status);
-    return process;
+    return TapAggregate::translatePIDToProcessObject(hardware, pid);
 }
 
 std::optional<std::string> SystemEQProcessor::deviceUID(AudioHardware& hardware, AudioObjectID device)
@@ -108,24 +91,30 @@ void SystemEQProcessor::start(const std::vector<EQBand>& bands, double outputGai
     double rate = 0.0;
     sampleRate = (hardware.nominalSampleRate(device, rate) == kAudioHardwareNoError && rate > 0.0) ? rate : 48000.0;
 
-    startedDeviceID = device;
-    startedAt = clock();
+    listeners.recordStart(device);
 
     createTap();
-    createAggregate(*outputUID);
+    // A failure from here on takes down what was built before it is reported.
+    try {
+        createAggregate(*outputUID);
 
-    if (const std::optional<uint32_t> request = parseBufferRequest(std::getenv("SORVA_IOBUF"))) {
-        const OSStatus status = hardware.setBufferFrameSize(aggregateID, *request);
-        EQLog::trace("IO buffer request " + std::to_string(*request) + " frames -> status " + std::to_string(status));
+        if (const std::optional<uint32_t> request = parseBufferRequest(std::getenv("SORVA_IOBUF"))) {
+            const OSStatus status = hardware.setBufferFrameSize(tapAggregate.currentAggregateID(), *request);
+            EQLog::trace("IO buffer request " + std::to_string(*request) + " frames -> status "
+                         + std::to_string(status));
+        }
+
+        eq.reset();
+        eq.update(bands, outputGainDB, sampleRate);
+
+        fade.start(static_cast<int64_t>(sampleRate * 0.15), 1.0f);
+
+        startIOProc();
+    } catch (...) {
+        stop();
+        throw;
     }
-
-    eq.reset();
-    eq.update(bands, outputGainDB, sampleRate);
-
-    fade.start(static_cast<int64_t>(sampleRate * 0.15), 1.0f);
-
-    startIOProc();
-    installListeners(device);
+    listeners.install(device, sampleRate, onConfigurationChange);
 
     const std::string name = outputDeviceName;
     const std::string rateText = decimalText(sampleRate);
@@ -163,43 +152,17 @@ void SystemEQProcessor::createTap()
     if (!description)
         description = TapDescription::stereoGlobalTapButExcludeProcesses({ own });
 
-    description->uuid = tapUUID;
-    description->name = "SORVA System Tap";
-    description->isPrivate = true;
-    description->muteBehavior = TapDescription::MuteBehavior::mutedWhenTapped;
-
-    AudioObjectID tap = kAudioObjectUnknown;
-    const OSStatus status = hardware.createProcessTap(*description, tap);
-    if (status == kAudioHardwarePermissionDenied || status == 1)
-        throw AudioTapError::permissionDenied();
-    if (status != kAudioHardwareNoError)
-        throw AudioTapError::osStatus("AudioHardwareCreateProcessTap", status);
-    tapID = tap;
+    tapAggregate.createTap(*description, TapAggregate::DeniedPermission::reported);
 }
 
 void SystemEQProcessor::createAggregate(const std::string& outputUID)
 {
-    AggregateDescription description;
-    description.name = "SORVA Output";
-    description.uid = "com.sorva.app.aggregate";
-    description.isPrivate = true;
-    description.isStacked = false;
-    description.tapAutoStart = true;
+    AggregateDescription description = tapAggregate.aggregateDescription("SORVA Output", "com.sorva.app.aggregate");
     // The output device is the clock source and contributes no input; the tap
     // is drift-compensated against it.
     description.mainSubDevice = outputUID;
     description.subDevices = { AggregateDescription::SubDevice { outputUID, 0 } };
-    std::string uuid = tapUUID;
-    std::transform(uuid.begin(), uuid.end(), uuid.begin(), [](unsigned char c) { return static_cast<char>(std::toupper(c)); });
-    description.taps = { AggregateDescription::SubTap { uuid, true } };
-
-    AudioObjectID device = kAudioObjectUnknown;
-    const OSStatus status = hardware.createAggregateDevice(description, device);
-    if (status != kAudioHardwareNoError) {
-        stop();
-        throw AudioTapError::osStatus("AudioHardwareCreateAggregateDevice", status);
-    }
-    aggregateID = device;
+    tapAggregate.createAggregate(description);
 }
 
 void SystemEQProcessor::startIOProc()
@@ -207,92 +170,7 @@ void SystemEQProcessor::startIOProc()
     ioContext.reset(new IOCycleContext {
         {}, stats, diagnosticScratchCapacity, diagnosticScratch.get(), gate, sampleRate, eq, recorder, timing, fade,
         spectrum });
-
-    AudioDeviceIOProcID procID = 0;
-    const OSStatus created = hardware.createIOProcID(aggregateID, &SystemEQProcessor::ioProc, ioContext.get(), procID);
-    if (created != kAudioHardwareNoError || procID == 0) {
-        stop();
-        throw AudioTapError::osStatus("AudioDeviceCreateIOProcIDWithBlock", created);
-    }
-    ioProcID = procID;
-
-    const OSStatus started = hardware.startDevice(aggregateID, ioProcID);
-    if (started != kAudioHardwareNoError) {
-        stop();
-        throw AudioTapError::osStatus("AudioDeviceStart", started);
-    }
-}
-
-// --- Listeners ------------------------------------------------------------------
-
-void SystemEQProcessor::installListeners(AudioObjectID device)
-{
-    listenerDevice = device;
-    auto listenerQueue = std::make_shared<SerialQueue>("com.sorva.app.listeners");
-
-    // The handlers work on copies only: they never read the engine, which may
-    // be gone by the time a queued handler runs.
-    AudioHardware* audioHardware = &hardware;
-    MainExecutor* executor = &mainExecutor;
-    const std::function<void()> callback = onConfigurationChange;
-
-    const double startedRate = sampleRate;
-    auto rateHandler = [audioHardware, executor, callback, startedRate] {
-        const AudioObjectID current = currentDefaultDevice(*audioHardware);
-        if (current == kAudioObjectUnknown)
-            return;
-        double rate = 0.0;
-        if (audioHardware->nominalSampleRate(current, rate) != kAudioHardwareNoError)
-            return;
-        if (rate > 0.0 && std::fabs(rate - startedRate) > 1.0) {
-            EQLog::trace("output sample rate changed — rebuilding");
-            executor->post([callback] {
-                if (callback)
-                    callback();
-            });
-        }
-    };
-    AudioPropertyListenerRegistration rateRegistration;
-    if (hardware.addPropertyListener(device, { kAudioDevicePropertyNominalSampleRate }, listenerQueue, rateHandler,
-                                     rateRegistration)
-        == kAudioHardwareNoError)
-        rateListener = rateRegistration;
-
-    const uint64_t deadline = startedAt + settleNanoseconds;
-    const AudioObjectID started = startedDeviceID;
-    NanosecondClock now = clock;
-    auto deviceHandler = [audioHardware, executor, callback, deadline, started, now] {
-        if (now() <= deadline)
-            return; // dropped, not postponed: the switch that belongs to our own start settles first
-        const AudioObjectID current = currentDefaultDevice(*audioHardware);
-        if (current == kAudioObjectUnknown)
-            return;
-        if (current != started) {
-            EQLog::trace("default output device changed — rebuilding");
-            executor->post([callback] {
-                if (callback)
-                    callback();
-            });
-        }
-    };
-    AudioPropertyListenerRegistration deviceRegistration;
-    if (hardware.addPropertyListener(kAudioObjectSystemObject, { kAudioHardwarePropertyDefaultOutputDevice },
-                                     listenerQueue, deviceHandler, deviceRegistration)
-        == kAudioHardwareNoError)
-        deviceListener = deviceRegistration;
-}
-
-void SystemEQProcessor::removeListeners()
-{
-    if (rateListener && listenerDevice != kAudioObjectUnknown) {
-        hardware.removePropertyListener(*rateListener);
-        rateListener.reset();
-    }
-    if (deviceListener) {
-        hardware.removePropertyListener(*deviceListener);
-        deviceListener.reset();
-    }
-    listenerDevice = kAudioObjectUnknown;
+    tapAggregate.startIOProc(&SystemEQProcessor::ioProc, ioContext.get());
 }
 
 // --- Stop -------------------------------------------------------------------------
@@ -300,29 +178,16 @@ void SystemEQProcessor::removeListeners()
 void SystemEQProcessor::stop()
 {
     recorder.stopContinuousCapture();
-    removeListeners();
+    listeners.remove();
 
-    if (ioProcID != 0) {
+    if (tapAggregate.currentIOProcID() != 0) {
         fade.start(static_cast<int64_t>(sampleRate * 0.12), -1.0f);
         // The render path is still running: let it play the fade-out to silence.
         wait(fadeOutWait);
-        if (ioProcID != 0 && aggregateID != kAudioObjectUnknown) {
-            hardware.stopDevice(aggregateID, ioProcID);
-            hardware.destroyIOProcID(aggregateID, ioProcID);
-            ioProcID = 0;
-            ioContext.reset();
-        }
     }
-    if (aggregateID != kAudioObjectUnknown) {
-        hardware.destroyAggregateDevice(aggregateID);
-        aggregateID = kAudioObjectUnknown;
-    }
-    if (tapID != kAudioObjectUnknown) {
-        hardware.destroyProcessTap(tapID);
-        tapID = kAudioObjectUnknown;
-    }
-    // A context whose procedure never got registered.
-    if (ioProcID == 0)
+    tapAggregate.teardown();
+    // The render path's context outlives its procedure, never the reverse.
+    if (tapAggregate.currentIOProcID() == 0)
         ioContext.reset();
 }
 

@@ -19,6 +19,7 @@
 
 #include "Audio/AudioTapError.h"
 #include "Audio/BiquadEQ.h"
+#include "Audio/DeviceListeners.h"
 #include "Audio/DiagnosticRecorder.h"
 #include "Audio/FadeRamp.h"
 #include "Audio/LogOnce.h"
@@ -26,6 +27,7 @@
 #include "Audio/SilenceGate.h"
 #include "Audio/SpectrumAnalyzer.h"
 #include "Audio/StreamStats.h"
+#include "Audio/TapAggregate.h"
 #include "Models/EQBand.h"
 #include "Platform/AudioHardware.h"
 #include "Platform/MainExecutor.h"
@@ -71,8 +73,7 @@ public:
     SystemEQProcessor(int64_t bandCount, AudioHardware& hardware, MainExecutor& mainExecutor, Wait wait = {},
                       NanosecondClock clock = {});
     ~SystemEQProcessor();
-    SystemEQProcessor(const SystemEQProcessor&) = delete;
-    SystemEQProcessor& operator=(const SystemEQProcessor&) = delete;
+    // Not copyable: it owns a tap chain and installed listeners.
 
     // Builds and starts the chain. Throws AudioTapError; whatever was created
     // before the failure has been removed again by then.
@@ -93,32 +94,26 @@ public:
                                AudioBufferList* output) noexcept;
 
     // What the engine currently owns (0 / 0 / 0 = nothing).
-    AudioObjectID currentTapID() const { return tapID; }
-    AudioObjectID currentAggregateID() const { return aggregateID; }
-    AudioDeviceIOProcID currentIOProcID() const { return ioProcID; }
-    AudioObjectID currentListenerDevice() const { return listenerDevice; }
-    AudioObjectID deviceAtStart() const { return startedDeviceID; }
-    const std::string& tapIdentifier() const { return tapUUID; }
+    AudioObjectID currentTapID() const { return tapAggregate.currentTapID(); }
+    AudioObjectID currentAggregateID() const { return tapAggregate.currentAggregateID(); }
+    AudioDeviceIOProcID currentIOProcID() const { return tapAggregate.currentIOProcID(); }
+    const std::string& tapIdentifier() const { return tapAggregate.tapIdentifier(); }
+    // The start the listeners watch over (0 = none).
+    AudioObjectID currentListenerDevice() const { return listeners.currentListenerDevice(); }
+    AudioObjectID deviceAtStart() const { return listeners.deviceAtStart(); }
 
 private:
     void createTap();
     void createAggregate(const std::string& outputUID);
     void startIOProc();
-    void installListeners(AudioObjectID device);
-    void removeListeners();
     static void ioProc(void* context, const AudioTimeStamp* now, const AudioBufferList* input,
                        const AudioTimeStamp* inputTime, AudioBufferList* output,
                        const AudioTimeStamp* outputTime) noexcept;
 
     AudioHardware& hardware;
-    MainExecutor& mainExecutor;
     Wait wait;
-    NanosecondClock clock;
 
-    AudioObjectID tapID = kAudioObjectUnknown;
-    AudioObjectID aggregateID = kAudioObjectUnknown;
-    AudioDeviceIOProcID ioProcID = 0;
-    std::string tapUUID;
+    TapAggregate tapAggregate;
 
 public:
     // The controller calls eq.update, stats.snapshot and timing.snapshot, and
@@ -144,11 +139,8 @@ public:
     std::function<void()> onConfigurationChange;
 
 private:
-    AudioObjectID listenerDevice = kAudioObjectUnknown;
-    AudioObjectID startedDeviceID = kAudioObjectUnknown;
-    uint64_t startedAt = 0; // clock nanoseconds; 0 = the distant past
-    std::optional<AudioPropertyListenerRegistration> rateListener;
-    std::optional<AudioPropertyListenerRegistration> deviceListener;
+    // Installed at the end of start, removed at the beginning of stop.
+    DeviceListeners listeners;
 
 public:
     double sampleRate = 48000.0; // Hz, of the output device at the last start
