@@ -1,11 +1,9 @@
-// Every test of this program starts with an empty configuration folder of its
-// own: the program and the settings code read $XDG_CONFIG_HOME, and whatever
-// the machine's user has saved there must not change what the tests see.
+// Every test of this program starts with an empty configuration folder, so
+// that what the machine's user saved cannot change what the tests see.
 #include <gtest/gtest.h>
 
 #include <cstdlib>
 #include <filesystem>
-#include <string>
 
 namespace {
 
@@ -14,15 +12,14 @@ public:
     void SetUp() override
     {
         std::string pattern = (std::filesystem::temp_directory_path() / "sorva-tests-config-XXXXXX").string();
-        if (mkdtemp(pattern.data()) == nullptr)
-            FAIL() << "cannot create a configuration folder for the tests";
+        ASSERT_NE(mkdtemp(pattern.data()), nullptr) << "cannot create a configuration folder for the tests";
+        setenv("XDG_CONFIG_HOME", pattern.c_str(), 1);
         folder = pattern;
-        setenv("XDG_CONFIG_HOME", folder.c_str(), 1);
     }
     void TearDown() override
     {
-        std::error_code ec;
-        std::filesystem::remove_all(folder, ec);
+        std::error_code ignored;
+        std::filesystem::remove_all(folder, ignored);
     }
 
 private:

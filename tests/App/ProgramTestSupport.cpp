@@ -1,4 +1,5 @@
 #include "App/ProgramTestSupport.h"
+#include "TestFolders.h"
 
 #include <gtest/gtest.h>
 #include <sndfile.h>
@@ -7,11 +8,9 @@
 #include <cmath>
 #include <cstdlib>
 #include <fcntl.h>
-#include <fstream>
 #include <numbers>
 #include <random>
 #include <spawn.h>
-#include <sstream>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -41,18 +40,6 @@ std::vector<std::string> ScratchFolder::names() const
     std::sort(result.begin(), result.end());
     return result;
 }
-
-namespace {
-
-std::string slurp(const std::filesystem::path& path)
-{
-    std::ifstream stream(path, std::ios::binary);
-    std::stringstream text;
-    text << stream.rdbuf();
-    return text.str();
-}
-
-} // namespace
 
 ProgramRun runSorva(const std::vector<std::string>& arguments, const std::filesystem::path& workingFolder)
 {
@@ -85,8 +72,8 @@ ProgramRun runSorva(const std::vector<std::string>& arguments, const std::filesy
     while (::waitpid(child, &status, 0) < 0 && errno == EINTR) { }
     ProgramRun run;
     run.exitStatus = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    run.out = slurp(outPath);
-    run.err = slurp(errPath);
+    run.out = readFile(outPath);
+    run.err = readFile(errPath);
     return run;
 }
 

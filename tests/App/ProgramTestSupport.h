@@ -11,8 +11,7 @@
 
 namespace sorva::testing {
 
-// A fresh folder under the system's temporary folder, removed with its
-// contents at the end of the test.
+// A fresh temporary folder, removed with its contents at the end of the test.
 class ScratchFolder {
 public:
     ScratchFolder();

@@ -1,7 +1,9 @@
 // Helpers for tests that work on real files: a fresh folder per test that
-// stands in for $XDG_CONFIG_HOME, and a way to make a folder read-only that
-// also holds when the tests run as root.
+// stands in for $XDG_CONFIG_HOME, a folder made read-only even for root, and
+// the trace lines logged meanwhile.
 #pragma once
+
+#include "Audio/EQLog.h"
 
 #include <fcntl.h>
 #include <linux/capability.h>
@@ -13,7 +15,10 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <memory>
+#include <mutex>
 #include <string>
+#include <vector>
 
 namespace sorva::testing {
 
@@ -102,6 +107,31 @@ private:
     __user_cap_header_struct header {};
     __user_cap_data_struct saved[2] {};
     bool restore = false;
+};
+
+// Every line traced while it exists.
+class LogCapture {
+public:
+    LogCapture()
+    {
+        EQLog::setObserver([lines = lines](const std::string& line) {
+            std::lock_guard guard(lines->lock);
+            lines->text.push_back(line);
+        });
+    }
+    ~LogCapture() { EQLog::setObserver({}); }
+    std::vector<std::string> taken()
+    {
+        std::lock_guard guard(lines->lock);
+        return lines->text;
+    }
+
+private:
+    struct Lines {
+        std::mutex lock;
+        std::vector<std::string> text;
+    };
+    std::shared_ptr<Lines> lines = std::make_shared<Lines>();
 };
 
 } // namespace sorva::testing

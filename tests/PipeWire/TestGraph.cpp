@@ -7,7 +7,10 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cmath>
 #include <cstring>
+#include <functional>
+#include <numbers>
 #include <map>
 #include <mutex>
 #include <thread>
@@ -22,6 +25,7 @@ struct Stream {
     pw_stream* stream = nullptr;
     spa_hook listener {};
     spa_io_position* position = nullptr;
+    std::function<void()> cycle;
 };
 
 struct Global {
@@ -56,7 +60,6 @@ struct TestGraph::Data {
     Stream recorder;
     std::vector<float> recording;
     std::atomic<size_t> recordedFrames { 0 };
-    std::atomic<int64_t> recorderStart { -1 };
     uint64_t expectedPosition = 0;
     std::atomic<uint64_t> gaps { 0 };
     std::atomic<uint32_t> cycleFrames { 0 };
@@ -86,15 +89,46 @@ struct TestGraph::Data {
         pw_thread_loop* loop;
     };
 
-    static const spa_pod* format(spa_pod_builder& builder)
+    // F32 stereo at 48 kHz (loop lock held).
+    void connect(Stream& s, const char* name, pw_properties* props, pw_direction direction)
     {
+        s.stream = pw_stream_new(core, name, props);
+        static const pw_stream_events events = [] {
+            pw_stream_events e {};
+            e.version = PW_VERSION_STREAM_EVENTS;
+            e.io_changed = [](void* p, uint32_t id, void* area, uint32_t) {
+                if (id == SPA_IO_Position)
+                    static_cast<Stream*>(p)->position = static_cast<spa_io_position*>(area);
+            };
+            e.process = [](void* p) { static_cast<Stream*>(p)->cycle(); };
+            return e;
+        }();
+        pw_stream_add_listener(s.stream, &s.listener, &events, &s);
+        uint8_t buffer[512];
+        spa_pod_builder builder {};
+        spa_pod_builder_init(&builder, buffer, sizeof buffer);
         spa_audio_info_raw info {};
         info.format = SPA_AUDIO_FORMAT_F32;
         info.channels = 2;
         info.rate = 48000;
         info.position[0] = SPA_AUDIO_CHANNEL_FL;
         info.position[1] = SPA_AUDIO_CHANNEL_FR;
-        return spa_format_audio_raw_build(&builder, SPA_PARAM_EnumFormat, &info);
+        const spa_pod* params[1] = { spa_format_audio_raw_build(&builder, SPA_PARAM_EnumFormat, &info) };
+        pw_stream_connect(s.stream, direction, PW_ID_ANY,
+                          static_cast<pw_stream_flags>(PW_STREAM_FLAG_AUTOCONNECT | PW_STREAM_FLAG_MAP_BUFFERS
+                                                       | PW_STREAM_FLAG_RT_PROCESS),
+                          params, 1);
+    }
+
+    void disconnect(Stream& s)
+    {
+        Lock lock(loop);
+        if (s.stream) {
+            spa_hook_remove(&s.listener);
+            pw_stream_destroy(s.stream);
+            s.stream = nullptr;
+            s.position = nullptr;
+        }
     }
 
     void playerCycle()
@@ -135,11 +169,8 @@ struct TestGraph::Data {
             uint64_t position = recorder.position->clock.position;
             cycleFrames.store(frames);
             size_t have = recordedFrames.load();
-            if (have == 0) {
-                recorderStart.store(static_cast<int64_t>(position));
-            } else if (position != expectedPosition) {
+            if (have > 0 && position != expectedPosition)
                 gaps.fetch_add(1);
-            }
             expectedPosition = position + frames;
             size_t n = std::min<size_t>(frames, recording.size() / 2 - have);
             size_t cycle = cycleCount.load();
@@ -246,7 +277,7 @@ TestGraph::~TestGraph()
 
 bool TestGraph::connected() const { return data->core != nullptr; }
 
-void TestGraph::startPlayer(std::vector<float> signal, const std::string& applicationName)
+void TestGraph::startPlayer(std::vector<float> signal)
 {
     Data::Lock lock(data->loop);
     data->signal = std::move(signal);
@@ -254,29 +285,12 @@ void TestGraph::startPlayer(std::vector<float> signal, const std::string& applic
     data->armed = false;
     data->finished = false;
     data->playerStart = -1;
-    pw_properties* props = pw_properties_new(PW_KEY_MEDIA_TYPE, "Audio", PW_KEY_MEDIA_CATEGORY, "Playback",
-                                             PW_KEY_MEDIA_ROLE, "Music", PW_KEY_NODE_NAME, "sorva_test_player",
-                                             PW_KEY_APP_NAME, applicationName.c_str(), nullptr);
-    data->player.stream = pw_stream_new(data->core, "test player", props);
-    static const pw_stream_events events = [] {
-        pw_stream_events e {};
-        e.version = PW_VERSION_STREAM_EVENTS;
-        e.io_changed = [](void* p, uint32_t id, void* area, uint32_t) {
-            if (id == SPA_IO_Position)
-                static_cast<Data*>(p)->player.position = static_cast<spa_io_position*>(area);
-        };
-        e.process = [](void* p) { static_cast<Data*>(p)->playerCycle(); };
-        return e;
-    }();
-    pw_stream_add_listener(data->player.stream, &data->player.listener, &events, data.get());
-    uint8_t buffer[512];
-    spa_pod_builder builder {};
-    spa_pod_builder_init(&builder, buffer, sizeof buffer);
-    const spa_pod* params[1] = { Data::format(builder) };
-    pw_stream_connect(data->player.stream, PW_DIRECTION_OUTPUT, PW_ID_ANY,
-                      static_cast<pw_stream_flags>(PW_STREAM_FLAG_AUTOCONNECT | PW_STREAM_FLAG_MAP_BUFFERS
-                                                   | PW_STREAM_FLAG_RT_PROCESS),
-                      params, 1);
+    data->player.cycle = [d = data.get()] { d->playerCycle(); };
+    data->connect(data->player, "test player",
+                  pw_properties_new(PW_KEY_MEDIA_TYPE, "Audio", PW_KEY_MEDIA_CATEGORY, "Playback", PW_KEY_MEDIA_ROLE,
+                                    "Music", PW_KEY_NODE_NAME, "sorva_test_player", PW_KEY_APP_NAME,
+                                    "sorva-test-player", nullptr),
+                  PW_DIRECTION_OUTPUT);
 }
 
 void TestGraph::armPlayer() { data->armed = true; }
@@ -288,15 +302,7 @@ std::optional<uint64_t> TestGraph::playerStartPosition()
     return p < 0 ? std::nullopt : std::optional<uint64_t>(static_cast<uint64_t>(p));
 }
 
-void TestGraph::stopPlayer()
-{
-    Data::Lock lock(data->loop);
-    if (data->player.stream) {
-        spa_hook_remove(&data->player.listener);
-        pw_stream_destroy(data->player.stream);
-        data->player = {};
-    }
-}
+void TestGraph::stopPlayer() { data->disconnect(data->player); }
 
 void TestGraph::startRecorder(const std::string& speaker, size_t capacityFrames)
 {
@@ -305,43 +311,19 @@ void TestGraph::startRecorder(const std::string& speaker, size_t capacityFrames)
     data->cycles.assign(capacityFrames / 16 + 1, { 0, 0 });
     data->cycleCount = 0;
     data->recordedFrames = 0;
-    data->recorderStart = -1;
     data->gaps = 0;
-    pw_properties* props = pw_properties_new(PW_KEY_MEDIA_TYPE, "Audio", PW_KEY_MEDIA_CATEGORY, "Capture",
-                                             PW_KEY_NODE_NAME, "sorva_test_recorder", PW_KEY_TARGET_OBJECT,
-                                             speaker.c_str(), PW_KEY_STREAM_CAPTURE_SINK, "true", nullptr);
-    data->recorder.stream = pw_stream_new(data->core, "test recorder", props);
-    static const pw_stream_events events = [] {
-        pw_stream_events e {};
-        e.version = PW_VERSION_STREAM_EVENTS;
-        e.io_changed = [](void* p, uint32_t id, void* area, uint32_t) {
-            if (id == SPA_IO_Position)
-                static_cast<Data*>(p)->recorder.position = static_cast<spa_io_position*>(area);
-        };
-        e.process = [](void* p) { static_cast<Data*>(p)->recorderCycle(); };
-        return e;
-    }();
-    pw_stream_add_listener(data->recorder.stream, &data->recorder.listener, &events, data.get());
-    uint8_t buffer[512];
-    spa_pod_builder builder {};
-    spa_pod_builder_init(&builder, buffer, sizeof buffer);
-    const spa_pod* params[1] = { Data::format(builder) };
-    pw_stream_connect(data->recorder.stream, PW_DIRECTION_INPUT, PW_ID_ANY,
-                      static_cast<pw_stream_flags>(PW_STREAM_FLAG_AUTOCONNECT | PW_STREAM_FLAG_MAP_BUFFERS
-                                                   | PW_STREAM_FLAG_RT_PROCESS),
-                      params, 1);
+    data->recorder.cycle = [d = data.get()] { d->recorderCycle(); };
+    data->connect(data->recorder, "test recorder",
+                  pw_properties_new(PW_KEY_MEDIA_TYPE, "Audio", PW_KEY_MEDIA_CATEGORY, "Capture", PW_KEY_NODE_NAME,
+                                    "sorva_test_recorder", PW_KEY_TARGET_OBJECT, speaker.c_str(),
+                                    PW_KEY_STREAM_CAPTURE_SINK, "true", nullptr),
+                  PW_DIRECTION_INPUT);
 }
 
 std::vector<float> TestGraph::recorded()
 {
     size_t frames = data->recordedFrames.load();
     return std::vector<float>(data->recording.begin(), data->recording.begin() + static_cast<long>(frames * 2));
-}
-
-std::optional<uint64_t> TestGraph::recorderStartPosition()
-{
-    int64_t p = data->recorderStart.load();
-    return p < 0 ? std::nullopt : std::optional<uint64_t>(static_cast<uint64_t>(p));
 }
 
 uint64_t TestGraph::recorderGaps() { return data->gaps.load(); }
@@ -358,15 +340,7 @@ std::optional<uint64_t> TestGraph::recordedFramePosition(size_t frame)
 }
 uint32_t TestGraph::recorderCycleFrames() { return data->cycleFrames.load(); }
 
-void TestGraph::stopRecorder()
-{
-    Data::Lock lock(data->loop);
-    if (data->recorder.stream) {
-        spa_hook_remove(&data->recorder.listener);
-        pw_stream_destroy(data->recorder.stream);
-        data->recorder = {};
-    }
-}
+void TestGraph::stopRecorder() { data->disconnect(data->recorder); }
 
 std::optional<uint32_t> TestGraph::nodeID(const std::string& nodeName)
 {
@@ -380,23 +354,12 @@ std::optional<uint32_t> TestGraph::nodeID(const std::string& nodeName)
 
 std::optional<uint64_t> TestGraph::nodeSerial(const std::string& nodeName)
 {
+    auto id = nodeID(nodeName);
     Data::Lock lock(data->loop);
-    for (auto& [id, g] : data->globals) {
-        if (g.type == PW_TYPE_INTERFACE_Node && g.props[PW_KEY_NODE_NAME] == nodeName)
-            return std::stoull(g.props[PW_KEY_OBJECT_SERIAL]);
-    }
-    return std::nullopt;
-}
-
-std::vector<std::string> TestGraph::nodeNames()
-{
-    Data::Lock lock(data->loop);
-    std::vector<std::string> names;
-    for (auto& [id, g] : data->globals) {
-        if (g.type == PW_TYPE_INTERFACE_Node)
-            names.push_back(g.props[PW_KEY_NODE_NAME]);
-    }
-    return names;
+    auto found = id ? data->globals.find(*id) : data->globals.end();
+    if (found == data->globals.end())
+        return std::nullopt;
+    return std::stoull(found->second.props[PW_KEY_OBJECT_SERIAL]);
 }
 
 bool TestGraph::linked(uint32_t outputNode, uint32_t inputNode)
@@ -427,6 +390,11 @@ void TestGraph::setMetadata(uint32_t subject, const std::string& key, const std:
                                  value.c_str());
 }
 
+void TestGraph::setDefaultSink(const std::string& nodeName)
+{
+    setMetadata(0, "default.configured.audio.sink", "Spa:String:JSON", "{ \"name\": \"" + nodeName + "\" }");
+}
+
 bool TestGraph::waitFor(const std::function<bool()>& condition, std::chrono::milliseconds timeout)
 {
     auto deadline = std::chrono::steady_clock::now() + timeout;
@@ -436,6 +404,78 @@ bool TestGraph::waitFor(const std::function<bool()>& condition, std::chrono::mil
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
     }
     return true;
+}
+
+bool EngineHost::started()
+{
+    const auto line = process.readLine(std::chrono::seconds(15));
+    EXPECT_EQ(line, std::optional<std::string>("READY"));
+    return line == std::optional<std::string>("READY");
+}
+
+bool EngineHost::stop()
+{
+    process.writeLine("stop");
+    while (auto line = process.readLine(std::chrono::seconds(10))) {
+        if (*line == "STOPPED")
+            return true;
+    }
+    return false;
+}
+
+std::vector<float> tone(size_t frames, double frequency, float amplitude)
+{
+    std::vector<float> samples(frames * 2);
+    for (size_t f = 0; f < frames; ++f)
+        samples[2 * f] = samples[2 * f + 1]
+            = static_cast<float>(amplitude * std::sin(2.0 * std::numbers::pi * frequency * double(f) / 48000.0 + 0.5));
+    return samples;
+}
+
+double rms(const std::vector<float>& samples, size_t fromFrame, size_t toFrame)
+{
+    double sum = 0.0;
+    for (size_t i = fromFrame * 2; i < toFrame * 2 && i < samples.size(); ++i)
+        sum += double(samples[i]) * samples[i];
+    return std::sqrt(sum / double((toFrame - fromFrame) * 2));
+}
+
+bool playerRoutedToTap(TestGraph& graph)
+{
+    return TestGraph::waitFor(
+        [&] {
+            auto player = graph.nodeID("sorva_test_player");
+            auto tap = graph.nodeID("sorva_system_tap");
+            auto speakers = graph.nodeID("speakers");
+            return player && tap && speakers && graph.linked(*player, *tap) && !graph.linked(*player, *speakers);
+        },
+        std::chrono::seconds(5));
+}
+
+std::optional<int64_t> impulseDelay(TestGraph& graph, size_t impulseFrame)
+{
+    graph.armPlayer();
+    if (!TestGraph::waitFor([&] { return graph.playerFinished(); }, std::chrono::seconds(10)))
+        return std::nullopt;
+    std::this_thread::sleep_for(std::chrono::milliseconds(400));
+    auto recording = graph.recorded();
+    size_t peak = 0;
+    for (size_t i = 0; i < recording.size(); i += 2) {
+        if (std::fabs(recording[i]) > std::fabs(recording[peak]))
+            peak = i;
+    }
+    auto arrived = graph.recordedFramePosition(peak / 2);
+    auto played = graph.playerStartPosition();
+    if (recording.empty() || !arrived || !played || recording[peak] == 0.0f)
+        return std::nullopt;
+    return int64_t(*arrived) - int64_t(*played + impulseFrame);
+}
+
+std::vector<float> impulseSignal(size_t impulseFrame)
+{
+    std::vector<float> impulse(4800 * 2, 0.0f);
+    impulse[impulseFrame * 2] = impulse[impulseFrame * 2 + 1] = 0.5f;
+    return impulse;
 }
 
 } // namespace sorva::testing

@@ -1,12 +1,19 @@
 // The tests' own PipeWire client, in the test process: a player (a program's
 // output stream that SORVA is to equalize), a recorder of what the speakers
-// receive (their monitor), and a view of the graph (node names, links, the
+// receive (their monitor), and a view of the graph (nodes, links, the
 // "default" metadata). Player and recorder note the graph clock position of
-// their cycles, so that latencies are measured on one clock.
+// their cycles, so that latencies are measured on one clock. Also the shared
+// pieces of the integration tests: a session fixture, the engine host
+// process, signals and measures.
 //
 // Threads: the methods are called from the test thread; the streams run on
 // this client's own PipeWire threads.
 #pragma once
+
+#include "PipeWire/ChildProcess.h"
+#include "PipeWire/PrivateSession.h"
+
+#include <gtest/gtest.h>
 
 #include <chrono>
 #include <cstdint>
@@ -27,10 +34,9 @@ public:
 
     bool connected() const;
 
-    // Player: plays silence until armed, then the interleaved stereo signal
-    // once (silence afterwards). Its node is "sorva_test_player" and its
-    // application name is given.
-    void startPlayer(std::vector<float> signal, const std::string& applicationName = "sorva-test-player");
+    // Player "sorva_test_player": silence until armed, then the interleaved
+    // stereo signal once, then silence.
+    void startPlayer(std::vector<float> signal);
     void armPlayer();
     bool playerFinished();
     // Graph position of the cycle that carried the signal's first frame.
@@ -39,10 +45,7 @@ public:
 
     // Recorder of the speaker node's monitor (at most capacityFrames frames).
     void startRecorder(const std::string& speaker, size_t capacityFrames);
-    // What was recorded so far, interleaved stereo, and the graph position of
-    // the first recorded frame. Gaps in the graph clock are counted.
     std::vector<float> recorded();
-    std::optional<uint64_t> recorderStartPosition();
     // Graph position of a recorded frame (cycles are remembered one by one,
     // so a skipped cycle does not shift the frames after it).
     std::optional<uint64_t> recordedFramePosition(size_t frame);
@@ -51,13 +54,12 @@ public:
     uint32_t recorderCycleFrames();
     void stopRecorder();
 
-    // Graph view.
     std::optional<uint32_t> nodeID(const std::string& nodeName);
     std::optional<uint64_t> nodeSerial(const std::string& nodeName);
-    std::vector<std::string> nodeNames();
     bool linked(uint32_t outputNode, uint32_t inputNode);
     std::optional<std::string> metadata(uint32_t subject, const std::string& key);
     void setMetadata(uint32_t subject, const std::string& key, const std::string& type, const std::string& value);
+    void setDefaultSink(const std::string& nodeName);
 
     // Polls condition every 10 ms until it holds or timeout passes.
     static bool waitFor(const std::function<bool()>& condition, std::chrono::milliseconds timeout);
@@ -67,5 +69,44 @@ public:
 private:
     std::unique_ptr<Data> data;
 };
+
+// A private session (started with these options) and the test's client in it.
+class GraphTest : public ::testing::Test {
+protected:
+    explicit GraphTest(const std::vector<std::string>& options = {})
+        : session(options)
+    {
+    }
+    void SetUp() override
+    {
+        ASSERT_TRUE(session.ready()) << "the private PipeWire session did not start";
+        ASSERT_TRUE(graph.connected());
+    }
+    PrivateSession session;
+    TestGraph graph;
+};
+
+// An engine host program (host/*.cpp) talking over its standard streams.
+struct EngineHost {
+    explicit EngineHost(const std::vector<std::string>& argv)
+        : process(argv)
+    {
+    }
+    bool started();
+    // Sends "stop"; whether "STOPPED" follows (other notices are skipped).
+    bool stop();
+    ChildProcess process;
+};
+
+// Interleaved stereo at 48 kHz, the same in both channels.
+std::vector<float> tone(size_t frames, double frequency, float amplitude);
+double rms(const std::vector<float>& samples, size_t fromFrame, size_t toFrame);
+// Waits until the player's stream reaches the tap and no longer the speakers.
+bool playerRoutedToTap(TestGraph& graph);
+// Plays the armed player's signal once; the graph frames from the frame that
+// carried impulseFrame to the frame where the recording peaks.
+std::optional<int64_t> impulseDelay(TestGraph& graph, size_t impulseFrame);
+// 4800 frames of silence with a 0.5 impulse at impulseFrame.
+std::vector<float> impulseSignal(size_t impulseFrame);
 
 } // namespace sorva::testing

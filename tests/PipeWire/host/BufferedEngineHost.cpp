@@ -1,17 +1,9 @@
 // The buffered engine in a process of its own, for the PipeWire integration
-// tests (the tests play and record in their own process, so that the engine
-// routes their player like any other program's).
-//
-//   sorva_pipewire_buffered_host [--gains G1,G2,G3,G4,G5] [--latency MS]
-//
-// Runs BufferedEQProcessor on the PipeWire backend and the PipeWire output
-// engine with the default bands at the given gains. Prints "READY" when
-// started (or "FAILED <description>" and exits 1). Then reads commands, one a
-// line: "stats" prints "RING <underruns and resyncs since the last stats>
-// <frames buffered>"; "stop" (or the end of the input) stops the engine,
-// prints "STOPPED" and exits 0. Each time the engine asks to be rebuilt
-// (onConfigurationChange) it prints "REBUILD".
-// Main thread: the engine's main thread; the executor's jobs run here too.
+// tests.   sorva_pipewire_buffered_host [--gains G1,G2,G3,G4,G5] [--latency MS]
+// Prints "READY" once started (or "FAILED <description>" and exits 1), then
+// answers "stats" with "RING <underruns and resyncs since the last stats>
+// <frames buffered>" and "stop" (or the end of input) with "STOPPED". Each
+// request to be rebuilt prints "REBUILD".
 #include "Audio/BufferedEQProcessor.h"
 #include "Models/EQConfig.h"
 #include "Platform/ManualMainExecutor.h"

@@ -1,39 +1,29 @@
-// A SORVA engine in a process of its own, for the PipeWire integration tests:
-// the tests play and record in their own process (so that the engine routes
-// their player like any other program's) and must be able to kill the engine.
+// A SORVA engine in a process of its own, for the PipeWire integration tests
+// (they route their player like any other program's and may kill the engine).
 //
-//   sorva_pipewire_engine_host [--gains G1,G2,G3,G4,G5] [--output-gain DB] [--tap-only]
+//   sorva_pipewire_engine_host [--gains G1,G2,G3,G4,G5] [--tap-only]
 //
-// Runs SystemEQProcessor on the PipeWire backend with the default bands at the
-// given gains. Prints "READY" when started (or "FAILED <description>" and
-// exits 1), then runs until standard input closes or a line "stop" arrives,
-// stops the engine, prints "STOPPED" and exits 0. When the engine reports a
-// configuration change it is rebuilt, as the controller does, and the host
-// prints "REBUILT <device name> <rate>". With --tap-only it only
-// creates and destroys a tap (which replays the routing journal) and exits.
-// Main thread: the engine's main thread; the executor's jobs run here too.
+// Prints "READY" once started (or "FAILED <description>" and exits 1), then
+// runs until standard input closes or says "stop", stops, prints "STOPPED".
+// A configuration change rebuilds the engine as the controller does and
+// prints "REBUILT <device name> <rate>". --tap-only creates and destroys a tap
+// (which replays the routing journal) and exits.
 #include "Audio/SystemEQProcessor.h"
 #include "Models/EQConfig.h"
 #include "Platform/ManualMainExecutor.h"
 #include "Platform/PipeWire/PipeWireAudioHardware.h"
 
-#include <cstdio>
-#include <functional>
-#include <memory>
-#include <cstdlib>
-#include <iostream>
 #include <atomic>
-#include <thread>
+#include <functional>
+#include <iostream>
 #include <sstream>
-#include <string>
-#include <unistd.h>
+#include <thread>
 
 using namespace sorva;
 
 int main(int argc, char** argv)
 {
     std::vector<double> gains(5, 0.0);
-    double outputGain = 0.0;
     bool tapOnly = false;
     for (int i = 1; i < argc; ++i) {
         std::string arg = argv[i];
@@ -42,8 +32,6 @@ int main(int argc, char** argv)
             std::string item;
             for (size_t band = 0; band < gains.size() && std::getline(list, item, ','); ++band)
                 gains[band] = std::stod(item);
-        } else if (arg == "--output-gain" && i + 1 < argc) {
-            outputGain = std::stod(argv[++i]);
         } else if (arg == "--tap-only") {
             tapOnly = true;
         } else {
@@ -68,8 +56,6 @@ int main(int argc, char** argv)
     std::vector<EQBand> bands = EQConfig::defaultConfig().bands;
     for (size_t band = 0; band < bands.size() && band < gains.size(); ++band)
         bands[band].gain = gains[band];
-    // Like the controller: a configuration change stops the engine and starts
-    // a new one, on whatever the default device is then.
     std::unique_ptr<SystemEQProcessor> engine;
     std::function<bool()> startEngine = [&] {
         engine = std::make_unique<SystemEQProcessor>(static_cast<int64_t>(bands.size()), hardware, executor);
@@ -79,7 +65,7 @@ int main(int argc, char** argv)
             std::cout << (started ? "REBUILT " + engine->outputDeviceName + " " + std::to_string(engine->sampleRate) : "REBUILD FAILED") << std::endl;
         };
         try {
-            engine->start(bands, outputGain);
+            engine->start(bands, 0.0);
         } catch (const AudioTapError& error) {
             std::cout << "FAILED " << error.errorDescription() << std::endl;
             return false;
@@ -90,9 +76,7 @@ int main(int argc, char** argv)
         return 1;
     std::cout << "READY" << std::endl;
 
-    // A reader thread turns the end of input (or "stop") into a job, so the
-    // main thread sleeps in the executor until there is work: the host itself
-    // must not cost CPU while the engine idles.
+    // The main thread sleeps in the executor: the host must cost no CPU.
     std::atomic<bool> stopRequested { false };
     std::thread reader([&] {
         std::string line;
