@@ -52,14 +52,12 @@ struct Engine : ::testing::Test {
     // A new engine (replacing the last one), started on the default device.
     SystemEQProcessor& started(const std::vector<EQBand>& bands = EQConfig::defaultConfig().bands, double gain = 0.0)
     {
-        engine = std::make_unique<SystemEQProcessor>(
-            5, hardware, executor,
-            [this](std::chrono::nanoseconds duration) {
-                waits.push_back(duration);
-                if (duringWait)
-                    duringWait();
-            },
-            [this] { return now.load(); });
+        auto wait = [this](std::chrono::nanoseconds duration) {
+            waits.push_back(duration);
+            if (duringWait)
+                duringWait();
+        };
+        engine = std::make_unique<SystemEQProcessor>(5, hardware, executor, wait, [this] { return now.load(); });
         engine->onConfigurationChange = [this] {
             callbackOnMainThread = executor.isMainThread();
             ++configurationChanges;
