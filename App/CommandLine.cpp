@@ -73,6 +73,14 @@ CommandLine CommandLine::parse(const std::vector<std::string>& arguments)
             line.action = Action::version;
             return line;
         }
+        if (argument == "--headless") {
+            line.headless = true;
+            continue;
+        }
+        if (argument == "--simulate") {
+            line.simulate = true;
+            continue;
+        }
         if (argument == "process") {
             line.action = Action::process;
             line.parseProcess(arguments, i + 1);
@@ -162,16 +170,22 @@ void CommandLine::parseProcess(const std::vector<std::string>& arguments, size_t
 
 std::string CommandLine::usage()
 {
-    return "usage: sorva [--help | --version]\n"
+    return "usage: sorva [--headless] [--simulate]\n"
+           "       sorva [--help | --version]\n"
            "       sorva process INPUT OUTPUT [--preset NAME] [--gains G1,...] [--output-gain DB]\n"
            "\n"
            "SORVA equalizes what this computer plays: five peaking filters, an automatic\n"
            "makeup gain, your output gain and a peak limiter.\n"
            "\n"
+           "Without a command it runs until Ctrl-C (SIGINT) or SIGTERM, switching on if\n"
+           "you left it on, or always when SORVA_AUTOSTART=1.\n"
+           "\n"
            "Commands:\n"
            "  process        equalize an audio file (see 'sorva process --help')\n"
            "\n"
            "Options:\n"
+           "  --headless     run without a panel (also where no display is available)\n"
+           "  --simulate     use a simulated audio system with a generated signal\n"
            "  -h, --help     show this help\n"
            "  -V, --version  show the version\n";
 }

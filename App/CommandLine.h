@@ -1,6 +1,7 @@
 // The program's command line: which action the user asked for, with its
 // arguments, or the one-line reason why the arguments make no sense.
 //
+//   sorva [--headless] [--simulate]
 //   sorva [--help | --version]
 //   sorva process INPUT OUTPUT [--preset NAME] [--gains G1,...] [--output-gain DB]
 //
@@ -31,6 +32,9 @@ public:
     static CommandLine parse(const std::vector<std::string>& arguments);
 
     Action action = Action::run;
+    // run: without a panel; on the simulated audio system.
+    bool headless = false;
+    bool simulate = false;
     // Non-empty when the arguments are wrong: a message for "sorva: ...".
     std::string error;
 

@@ -1,7 +1,9 @@
 // sorva: the command-line entry point. Turns the arguments into a CommandLine
-// and runs the chosen action. Exit status: 0 done, 2 wrong arguments or a
-// failed run, 130 interrupted.
+// and runs the chosen action. Exit status: 0 done (also after SIGINT or
+// SIGTERM stopped the running program), 1 no audio system reachable, 2 wrong
+// arguments or a failed run, 130 an interrupted file run.
 #include "App/CommandLine.h"
+#include "App/HeadlessApp.h"
 #include "App/OfflineProcessor.h"
 #include "App/ProgressBar.h"
 #include "Models/EQConfig.h"
@@ -112,6 +114,9 @@ int main(int argc, char** argv)
     case CommandLine::Action::run:
         break;
     }
-    std::fprintf(stderr, "sorva: this build has no equalizer window yet; see 'sorva --help'\n");
-    return exitFailure;
+    // There is no panel yet, so the program runs headless with or without a
+    // display (--headless and a missing display both lead here).
+    sorva::HeadlessOptions options;
+    options.simulate = line.simulate;
+    return sorva::runHeadless(argc, argv, options);
 }

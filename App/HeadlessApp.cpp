@@ -1,0 +1,120 @@
+#include "App/HeadlessApp.h"
+
+#include "Audio/EQController.h"
+#include "Audio/EQLog.h"
+#include "Platform/QtMainExecutor.h"
+#include "Platform/Simulated/SimulatedAudioHardware.h"
+#include "Platform/Simulated/SimulatedOutputEngine.h"
+#include "Platform/Simulated/SimulatedRealtimeDriver.h"
+#include "Platform/TerminationSignals.h"
+
+#include <QCoreApplication>
+#include <QTimer>
+
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <unistd.h>
+
+namespace sorva {
+
+bool displayAvailable()
+{
+    for (const char* name : { "DISPLAY", "WAYLAND_DISPLAY" }) {
+        const char* value = std::getenv(name);
+        if (value && *value)
+            return true;
+    }
+    return false;
+}
+
+bool autostartRequested(const char* value)
+{
+    return value && std::strcmp(value, "1") == 0;
+}
+
+namespace {
+
+// The simulated audio system of the demo mode: one output device, one program
+// that plays, and a driver that runs the IO cycles at real-time pace with a
+// generated music-like input.
+struct SimulatedSystem {
+    std::shared_ptr<SimulatedAudioHardware> hardware = std::make_shared<SimulatedAudioHardware>();
+    std::unique_ptr<SimulatedRealtimeDriver> driver;
+
+    SimulatedSystem()
+    {
+        hardware->addOutputDevice("Simulated Speakers", "sorva-simulated-speakers", 48000.0, 512);
+        // A program other than this one that is playing, so that the
+        // supervision sees audio activity.
+        hardware->addProcess(static_cast<int32_t>(::getpid()) + 1, true, std::string("org.sorva.demo-player"));
+        driver = std::make_unique<SimulatedRealtimeDriver>(*hardware, 48000.0, 512);
+    }
+};
+
+const char* signalName(int signalNumber)
+{
+    return signalNumber == SIGINT ? "SIGINT" : signalNumber == SIGTERM ? "SIGTERM" : "signal";
+}
+
+} // namespace
+
+int runHeadless(int argc, char** argv, const HeadlessOptions& options)
+{
+    QCoreApplication app(argc, argv);
+    QCoreApplication::setApplicationName(QStringLiteral("sorva"));
+
+    std::unique_ptr<SimulatedSystem> simulated;
+    EQController::Environment environment;
+    if (options.simulate) {
+        simulated = std::make_unique<SimulatedSystem>();
+        environment.hardware = simulated->hardware;
+        // Plays nothing: the buffered engine's output just pulls its blocks.
+        environment.makeOutputEngine = [] { return std::make_unique<SimulatedOutputEngine>(); };
+        environment.mainExecutor = std::make_shared<QtMainExecutor>();
+        environment.now = EQController::wallClockSeconds;
+        std::fprintf(stderr, "sorva: running on the simulated audio system (a generated signal, nothing is played)\n");
+    } else {
+        std::string problem;
+        environment = EQController::productionEnvironment(&problem);
+        if (!environment.hardware) {
+            std::fprintf(stderr, "sorva: %s\n", problem.c_str());
+            return 1;
+        }
+    }
+    EQController::setSharedEnvironment(std::move(environment));
+    EQController& controller = EQController::shared();
+
+    TerminationSignals termination;
+    QObject::connect(&termination, &TerminationSignals::received, &app, [&controller](int signalNumber) {
+        EQLog::trace(std::string("received ") + signalName(signalNumber) + " — stopping processing");
+        controller.stopProcessor();
+        EQLog::trace("processing stopped — exiting");
+        QCoreApplication::quit();
+    });
+
+    // Once the event loop runs, as the application shell does when launching
+    // has finished.
+    QTimer::singleShot(0, &controller, [&controller] {
+        controller.observeWake();
+        if (autostartRequested(std::getenv("SORVA_AUTOSTART")))
+            controller.setRunning(true);
+        else
+            controller.restorePreviousState();
+    });
+
+    if (simulated)
+        simulated->driver->start();
+    int status = QCoreApplication::exec();
+    // A quit without a signal (none today) still leaves nothing running.
+    controller.stopProcessor();
+    if (simulated)
+        simulated->driver->stop();
+    EQController::destroyShared();
+    EQLog::flush();
+    return status;
+}
+
+} // namespace sorva
