@@ -5,6 +5,7 @@
 #include "Models/EQConfig.h"
 #include "PipeWire/TestGraph.h"
 
+#include <algorithm>
 #include <cmath>
 #include <iostream>
 #include <sstream>
@@ -107,8 +108,14 @@ TEST_F(PipeWireBufferedEngine, PlaysTheOtherProgramEqualized)
         ++first;
     ASSERT_LT(first + 44000, recording.size() / 2) << "the tone did not arrive";
     EXPECT_LT(expectedDB, -6.0);
-    EXPECT_NEAR(20.0 * std::log10(rms(recording, first + 12000, first + 44000) / reference), expectedDB, 0.2)
-        << "an unprocessed copy would sit near 0 dB";
+    // The level is the median over 50 ms windows (25 whole periods each): a
+    // cycle the starved machine skipped costs the ring one resync and a few
+    // windows, not the measurement.
+    std::vector<double> windowDB;
+    for (size_t at = first + 12000; at + 2400 <= first + 44000; at += 2400)
+        windowDB.push_back(20.0 * std::log10(rms(recording, at, at + 2400) / reference));
+    std::nth_element(windowDB.begin(), windowDB.begin() + windowDB.size() / 2, windowDB.end());
+    EXPECT_NEAR(windowDB[windowDB.size() / 2], expectedDB, 0.2) << "an unprocessed copy would sit near 0 dB";
     EXPECT_EQ(graph.recorderGaps(), 0u);
     EXPECT_TRUE(host.stop());
 }
