@@ -8,123 +8,104 @@
 
 #include <QElapsedTimer>
 #include <QProcess>
-#include <QProcessEnvironment>
 
 #include <csignal>
+#include <filesystem>
+#include <optional>
 #include <regex>
-#include <string>
 
 namespace sorva {
 namespace {
 
-// The program with the given arguments and environment changes (an empty
-// value removes the variable), its standard error read line by line.
-struct Program {
-    Program(const QStringList& arguments, const std::map<QString, QString>& variables)
-    {
-        auto environment = QProcessEnvironment::systemEnvironment();
-        environment.remove(QStringLiteral("SORVA_AUTOSTART"));
-        for (const auto& [name, value] : variables)
-            value.isEmpty() ? environment.remove(name) : environment.insert(name, value);
-        process.setProcessEnvironment(environment);
-        process.start(QStringLiteral(SORVA_BINARY), arguments);
-        started = process.waitForStarted(5000);
-    }
-    ~Program()
-    {
-        process.kill();
-        process.waitForFinished(5000);
-    }
-    // Reads until a line matches; false when the program ended or time ran out.
-    bool waitForLine(const std::regex& pattern)
-    {
-        QElapsedTimer clock;
-        clock.start();
-        for (size_t scanned = 0;; readLines()) {
-            for (; scanned < lines.size(); ++scanned)
-                if (std::regex_search(lines[scanned], pattern))
-                    return true;
-            if (clock.elapsed() > 10000 || process.state() == QProcess::NotRunning)
-                return false;
-            process.waitForReadyRead(50);
-        }
-    }
-    bool finish()
-    {
-        bool finished = process.waitForFinished(10000);
-        readLines();
-        return finished;
-    }
-    size_t indexOf(const std::string& line) const
-    {
-        return static_cast<size_t>(std::find(lines.begin(), lines.end(), line) - lines.begin());
-    }
-    void readLines()
-    {
-        pending += process.readAllStandardError().toStdString();
-        for (auto end = pending.find('\n'); end != std::string::npos; end = pending.find('\n')) {
-            lines.push_back(pending.substr(0, end));
-            pending.erase(0, end + 1);
-        }
-    }
-    QProcess process;
-    bool started = false;
-    std::vector<std::string> lines;
-    std::string pending;
+struct Run {
+    int exitCode = -1; // -1: killed
+    bool ready = false;
+    std::vector<std::string> lines; // standard error
+    size_t indexOf(const std::string& line) const { return size_t(std::find(lines.begin(), lines.end(), line) - lines.begin()); }
 };
+
+// Runs the program in a fresh configuration folder (an empty value removes a
+// variable) until a line matches `ready`, then sends `signal`; or until it exits.
+Run run(const QStringList& arguments, std::map<QString, QString> variables, const std::optional<std::regex>& ready = {},
+        int signal = 0)
+{
+    sorva::testing::qtApp();
+    sorva::testing::ConfigHome config;
+    auto environment = QProcessEnvironment::systemEnvironment();
+    variables.try_emplace("TMPDIR", config.path.c_str());
+    variables.try_emplace("SORVA_AUTOSTART", "");
+    for (auto [name, value] : variables)
+        value.isEmpty() ? environment.remove(name) : environment.insert(name, value.replace("$HOME", config.path.c_str()));
+    QProcess process;
+    process.setProcessEnvironment(environment);
+    process.start(QStringLiteral(SORVA_BINARY), arguments);
+    Run result;
+    std::string text;
+    QElapsedTimer clock;
+    clock.start();
+    while (process.state() != QProcess::NotRunning && clock.elapsed() < 10000) {
+        process.waitForReadyRead(50);
+        text += process.readAllStandardError().toStdString();
+        if (ready && std::regex_search(text, *ready)) {
+            result.ready = true;
+            ::kill(static_cast<pid_t>(process.processId()), signal);
+            break;
+        }
+    }
+    if (!process.waitForFinished(10000))
+        process.kill();
+    text += process.readAllStandardError().toStdString();
+    if (process.exitStatus() == QProcess::NormalExit)
+        result.exitCode = process.exitCode();
+    for (size_t start = 0, end; (end = text.find('\n', start)) != std::string::npos; start = end + 1)
+        result.lines.push_back(text.substr(start, end - start));
+    return result;
+}
+
+// Both signals run the shut-down sequence: processing stops, then the program
+// exits with status 0, and no supervision runs in between.
+void expectCleanStop(const Run& run, const std::string& signalName)
+{
+    EXPECT_TRUE(run.ready) << (run.lines.empty() ? "(nothing)" : run.lines.back());
+    EXPECT_EQ(run.exitCode, 0);
+    auto stopping = run.indexOf("[sorva] received " + signalName + " — stopping processing");
+    auto stopped = run.indexOf("[sorva] processing stopped — exiting");
+    EXPECT_LT(stopping, stopped);
+    EXPECT_LT(stopped, run.lines.size());
+    for (size_t i = stopping; i < run.lines.size(); ++i)
+        EXPECT_EQ(run.lines[i].rfind("[sorva] frames ", 0), std::string::npos) << "supervision after the stop";
+}
 
 } // namespace
 
-TEST(HeadlessProgram, AutostartsOnlyForExactlyOneOtherwiseRestoresAndStopsCleanlyOnSigtermOrSigint)
+TEST(HeadlessProgram, AutostartEqualizesOnTheSimulatedSystemUntilSigterm)
 {
-    sorva::testing::qtApp();
-    struct Case {
-        QStringList arguments;
-        QString autostart;
-        std::string readyPattern, signalName, present, absent;
-        int signal;
-    };
+    auto result = run({ "--headless", "--simulate" }, { { "SORVA_AUTOSTART", "1" } },
+                      std::regex(R"(\[sorva\] frames \d+/s · peak 0\.\d*[1-9]\d* · late )"), SIGTERM);
+    expectCleanStop(result, "SIGTERM");
+    EXPECT_LT(result.indexOf("[sorva] setRunning(true) called"), result.lines.size());
+}
+
+TEST(HeadlessProgram, WithoutAutostartOfExactlyOneItRestoresTheStoredSwitchAndStopsOnSigint)
+{
     // "true" is not "1": the stored switch (never set, so off) decides.
-    const Case cases[] = {
-        { { "--headless", "--simulate" }, "1", R"(^\[sorva\] frames \d+/s · peak 0\.\d*[1-9]\d* · late )", "SIGTERM",
-          "[sorva] setRunning(true) called", "restorePreviousState", SIGTERM },
-        { { "--simulate" }, "true", "restorePreviousState called, wasEnabled=false", "SIGINT", "", "processor started",
-          SIGINT },
-    };
-    for (const auto& c : cases) {
-        sorva::testing::ConfigHome config;
-        Program program(c.arguments, { { "SORVA_AUTOSTART", c.autostart }, { "TMPDIR", config.path.c_str() } });
-        ASSERT_TRUE(program.started);
-        ASSERT_TRUE(program.waitForLine(std::regex(c.readyPattern)))
-            << (program.lines.empty() ? "(nothing)" : program.lines.back());
-        ::kill(static_cast<pid_t>(program.process.processId()), c.signal);
-        ASSERT_TRUE(program.finish());
-        EXPECT_EQ(program.process.exitStatus(), QProcess::NormalExit);
-        EXPECT_EQ(program.process.exitCode(), 0);
-        auto stopping = program.indexOf("[sorva] received " + c.signalName + " — stopping processing");
-        auto stopped = program.indexOf("[sorva] processing stopped — exiting");
-        EXPECT_LT(stopping, stopped);
-        ASSERT_LT(stopped, program.lines.size()) << c.signalName;
-        for (size_t i = stopping; i < program.lines.size(); ++i)
-            EXPECT_EQ(program.lines[i].rfind("[sorva] frames ", 0), std::string::npos) << "supervision after the stop";
-        EXPECT_TRUE(c.present.empty() || program.indexOf(c.present) < program.lines.size()) << c.present;
-        for (const auto& line : program.lines)
-            EXPECT_EQ(line.find(c.absent), std::string::npos) << line;
-    }
+    auto result = run({ "--simulate" }, { { "SORVA_AUTOSTART", "true" } },
+                      std::regex("restorePreviousState called, wasEnabled=false"), SIGINT);
+    expectCleanStop(result, "SIGINT");
+    for (const auto& line : result.lines)
+        EXPECT_EQ(line.find("processor started"), std::string::npos) << line;
 }
 
 TEST(HeadlessProgram, SaysSoAndExitsWhenNoPipeWireSessionIsReachable)
 {
-    sorva::testing::qtApp();
-    sorva::testing::ConfigHome config;
-    Program program({ "--headless" }, { { "XDG_RUNTIME_DIR", config.path.c_str() }, { "TMPDIR", config.path.c_str() },
-                                        { "PIPEWIRE_REMOTE", "" }, { "PIPEWIRE_RUNTIME_DIR", "" } });
-    ASSERT_TRUE(program.started);
-    ASSERT_TRUE(program.finish());
-    EXPECT_EQ(program.process.exitCode(), 1);
-    ASSERT_FALSE(program.lines.empty());
-    EXPECT_EQ(program.lines.back().rfind("sorva: no PipeWire session is reachable (looked in " + config.path.string(), 0), 0u)
-        << program.lines.back();
+    auto result = run({ "--headless" },
+                      { { "XDG_RUNTIME_DIR", "$HOME" }, { "PIPEWIRE_REMOTE", "" }, { "PIPEWIRE_RUNTIME_DIR", "" } },
+                      {});
+    EXPECT_EQ(result.exitCode, 1);
+    ASSERT_FALSE(result.lines.empty());
+    auto folders = (std::filesystem::temp_directory_path() / "sorva-config-").string();
+    EXPECT_EQ(result.lines.back().rfind("sorva: no PipeWire session is reachable (looked in " + folders, 0), 0u)
+        << result.lines.back();
 }
 
 } // namespace sorva
