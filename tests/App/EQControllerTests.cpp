@@ -28,6 +28,9 @@
 using namespace std::chrono_literals;
 
 namespace sorva {
+
+void PrintTo(const EQController::Status& status, std::ostream* out) { *out << status.description(); }
+
 namespace {
 
 constexpr uint32_t cycleFrames = 512;
