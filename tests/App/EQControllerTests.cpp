@@ -144,6 +144,15 @@ protected:
         executor->runPending();
     }
 
+    // Switch, engines, monitor, stored wish, live audio objects and status in one line.
+    std::string state()
+    {
+        return std::string(controller->isRunning() ? "on" : "off") + (controller->hasSingleDeviceProcessor() ? " engine" : "")
+            + (controller->hasBufferedProcessor() ? " buffered" : "") + (controller->hasMonitor() ? " monitor" : "")
+            + (EQSettings::eqEnabled() ? " stored" : "") + (hardware->nothingAlive() ? "" : " alive") + ": "
+            + controller->status().description();
+    }
+
     size_t logged(const std::string& text)
     {
         std::lock_guard guard(linesLock);
@@ -179,8 +188,7 @@ TEST_F(ControllerTest, SwitchRestoreAndStopStartTheEngineAndTearItDown)
     make().restorePreviousState();
     executor->runPending();
     executor->advance(2s);
-    EXPECT_FALSE(controller->hasSingleDeviceProcessor());
-    EXPECT_EQ(controller->status(), Status::off());
+    EXPECT_EQ(state(), "off: off");
     EXPECT_EQ(controller->spectrum(), std::vector<float>(16, 0.0f));
     EXPECT_EQ(takeLines(), std::vector<std::string> { "restorePreviousState called, wasEnabled=false" });
 
@@ -196,10 +204,7 @@ TEST_F(ControllerTest, SwitchRestoreAndStopStartTheEngineAndTearItDown)
     EXPECT_EQ(count(log, "setRunning task started"), 1u);
 
     switchOff();
-    EXPECT_FALSE(controller->isRunning());
-    EXPECT_FALSE(controller->hasMonitor());
-    EXPECT_FALSE(EQSettings::eqEnabled());
-    EXPECT_TRUE(hardware->nothingAlive());
+    EXPECT_EQ(state(), "off: off");
 
     // Launched again, it restores the stored wish.
     EQSettings::setEQEnabled(true);
@@ -275,8 +280,7 @@ TEST_F(ControllerTest, NoSignalForNineTicksMeansPermissionDeniedWithoutForgettin
         waitForState(AudioLifecycleState::inactive);
         // The coordinator's "inactive" shows the permission problem, not "off".
         EXPECT_EQ(statuses.back(), Status::permissionDenied());
-        EXPECT_TRUE(EQSettings::eqEnabled());
-        EXPECT_TRUE(hardware->nothingAlive());
+        EXPECT_EQ(state(), "off stored: permissionDenied");
     }
 }
 
@@ -319,8 +323,7 @@ TEST_F(ControllerTest, SilentTapWhilePlayingRestartsAtTickTwoAndTheFourthRestart
     EXPECT_EQ(count(log, "too many restarts (3) in 20s — giving up, turning off"), 1u);
     EXPECT_EQ(count(log, "setRunning(false) called"), 1u);
     ASSERT_TRUE(pumpUntil([&] { return !eq.hasSingleDeviceProcessor() && eq.status() == Status::off(); }));
-    EXPECT_FALSE(EQSettings::eqEnabled());
-    EXPECT_TRUE(hardware->nothingAlive());
+    EXPECT_EQ(state(), "off: off");
     // Giving up emptied the list; entries more than 20 s old drop out.
     switchOn();
     for (int i = 0; i < 3; ++i)
@@ -453,9 +456,7 @@ TEST_F(ControllerTest, SleepAndWakeFromTheWatcherStopAndRestartWithMatchingStatu
     statuses.clear();
     sleepWatcher->handlePrepareForSleep(true);
     waitForState(AudioLifecycleState::sleeping);
-    EXPECT_FALSE(eq.isRunning());
-    EXPECT_FALSE(eq.hasSingleDeviceProcessor());
-    EXPECT_EQ(eq.status(), Status::off());
+    EXPECT_EQ(state(), "off stored: off");
     sleepWatcher->handlePrepareForSleep(false);
     ASSERT_TRUE(pumpUntil([&] { return eq.isRunning(); }));
     // sleeping: off; recovering and starting: starting; running leaves it.
