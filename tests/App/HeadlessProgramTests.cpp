@@ -11,8 +11,11 @@
 
 #include <csignal>
 #include <filesystem>
+#include <map>
 #include <optional>
 #include <regex>
+#include <string>
+#include <vector>
 
 namespace sorva {
 namespace {
@@ -24,8 +27,9 @@ struct Run {
     size_t indexOf(const std::string& line) const { return size_t(std::find(lines.begin(), lines.end(), line) - lines.begin()); }
 };
 
-// Runs the program in a fresh configuration folder (an empty value removes a
-// variable) until a line matches `ready`, then sends `signal`; or until it exits.
+// Runs the program in a fresh configuration folder (in values, "$HOME" stands for
+// it; an empty value removes the variable) until a line matches `ready`, then
+// sends `signal`; or until it exits.
 Run run(const QStringList& arguments, std::map<QString, QString> variables, const std::optional<std::regex>& ready = {},
         int signal = 0)
 {
