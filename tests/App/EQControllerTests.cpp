@@ -1,14 +1,12 @@
-// The controller on the simulated audio system: a manual main executor whose
-// virtual clock is also the controller's wall clock and the coordinator's
-// uptime clock, so that supervision ticks happen exactly when the test
-// advances time, and IO cycles run only when the test runs them.
+// The controller on the simulated audio system. The manual executor's virtual
+// clock is also the wall and uptime clock, so supervision ticks happen exactly
+// when the test advances time, and IO cycles run only when the test runs them.
 #include "Audio/EQController.h"
 
 #include "Audio/AudioLifecycleCoordinator.h"
-#include "Audio/EQLog.h"
 #include "Audio/BufferedEQProcessor.h"
+#include "Audio/EQLog.h"
 #include "Audio/SystemEQProcessor.h"
-#include "Models/EQPresets.h"
 #include "Models/EQSettings.h"
 #include "Platform/ManualMainExecutor.h"
 #include "Platform/Simulated/SimulatedAudioHardware.h"
@@ -30,16 +28,33 @@
 using namespace std::chrono_literals;
 
 namespace sorva {
+
+void PrintTo(const EQController::Status& status, std::ostream* out) { *out << status.description(); }
+
 namespace {
 
 constexpr uint32_t cycleFrames = 512;
+using Status = EQController::Status;
+using Call = SimulatedAudioHardware::Call;
+const std::string restartLine = "tap still silent after 2s — restarting";
+
+size_t count(const std::vector<std::string>& lines, const std::string& text)
+{
+    return static_cast<size_t>(std::count(lines.begin(), lines.end(), text));
+}
+
+size_t countPrefix(const std::vector<std::string>& lines, const std::string& prefix)
+{
+    return static_cast<size_t>(
+        std::count_if(lines.begin(), lines.end(), [&](const std::string& line) { return line.rfind(prefix, 0) == 0; }));
+}
 
 class ControllerTest : public ::testing::Test {
 protected:
     ControllerTest()
     {
         sorva::testing::qtApp();
-        speakers = hardware->addOutputDevice("Speakers", "speakers", 48000.0, cycleFrames);
+        hardware->addOutputDevice("Speakers", "speakers", 48000.0, cycleFrames);
         player = hardware->addProcess(static_cast<int32_t>(::getpid()) + 1000, false, std::string("org.example.player"));
         EQLog::setObserver([this](const std::string& line) {
             std::lock_guard guard(linesLock);
@@ -53,18 +68,16 @@ protected:
         EQLog::setObserver({});
     }
 
-    EQController::Environment environment()
+    EQController& make()
     {
+        controller.reset();
         EQController::Environment environment;
         environment.hardware = hardware;
         environment.mainExecutor = executor;
         auto clock = executor;
         environment.now = [clock] { return static_cast<double>(clock->now()) / 1e9; };
         environment.monotonicClock = [clock] { return clock->now(); };
-        environment.sleeper = [this](uint64_t nanoseconds, std::stop_token) {
-            std::lock_guard guard(linesLock);
-            sleeps.push_back(nanoseconds);
-        };
+        environment.sleeper = [](uint64_t, std::stop_token) {};
         environment.engineWait = [](std::chrono::nanoseconds) {};
         environment.makeOutputEngine = [] { return std::make_unique<SimulatedOutputEngine>(); };
         environment.makeSleepWatcher = [this] {
@@ -72,64 +85,74 @@ protected:
             sleepWatcher = watcher.get();
             return watcher;
         };
-        return environment;
-    }
-
-    EQController& make()
-    {
-        controller = std::make_unique<EQController>(environment());
+        controller = std::make_unique<EQController>(environment);
         QObject::connect(controller.get(), &EQController::statusChanged,
-                         [this](const EQController::Status& status) { statuses.push_back(status); });
+                         [this](const Status& status) { statuses.push_back(status); });
         return *controller;
-    }
-
-    // The buffered engine, as the expert setting chooses it at launch.
-    static void storeBufferedMode(double latencyMs)
-    {
-        QSettings file(QString::fromStdString(EQSettings::filePath().string()), QSettings::IniFormat);
-        file.setValue(QStringLiteral("bufferedMode"), true);
-        file.setValue(QStringLiteral("bufferLatencyMs"), latencyMs);
-        file.sync();
     }
 
     bool pumpUntil(const std::function<bool()>& done) { return executor->runUntil(done, 5s); }
 
-    // Switches on and waits until the request has been carried out through.
+    // Switches on and waits until the request has been carried out.
     void switchOn()
     {
-        auto finished = [&] { return logged("setRunning task finished awaiting setUserEnabled"); };
-        auto before = finished();
+        auto before = logged("setRunning task finished awaiting setUserEnabled");
         controller->setRunning(true);
         ASSERT_TRUE(pumpUntil([&] { return controller->isRunning() && controller->hasMonitor(); }));
-        ASSERT_TRUE(pumpUntil([&] { return finished() > before; }));
+        ASSERT_TRUE(pumpUntil([&] { return logged("setRunning task finished awaiting setUserEnabled") > before; }));
     }
 
-    // Runs a second's worth of IO cycles on the running single-device engine,
-    // then one supervision tick.
+    void switchOff()
+    {
+        controller->setRunning(false);
+        ASSERT_TRUE(pumpUntil([&] { return !controller->hasSingleDeviceProcessor() && controller->status() == Status::off(); }));
+    }
+
+    void waitForState(AudioLifecycleState state)
+    {
+        ASSERT_TRUE(pumpUntil([&] { return controller->lifecycle().currentState() == state; }));
+        executor->runPending();
+    }
+
+    AudioObjectID aggregate()
+    {
+        if (auto* engine = controller->singleDeviceProcessor())
+            return engine->currentAggregateID();
+        if (auto* engine = controller->bufferedProcessor())
+            return engine->currentAggregateID();
+        return 0;
+    }
+
+    // Waits until the coordinator has replaced the engine built on `old`.
+    void waitForRebuild(AudioObjectID old)
+    {
+        ASSERT_TRUE(pumpUntil([&] { return controller->isRunning() && aggregate() != 0 && aggregate() != old; }));
+    }
+
+    // A second's worth of IO cycles on the running engine, then one supervision tick.
     void tick(bool signal)
     {
-        AudioObjectID aggregate = 0;
-        if (auto* engine = controller->singleDeviceProcessor())
-            aggregate = engine->currentAggregateID();
-        else if (auto* engine = controller->bufferedProcessor())
-            aggregate = engine->currentAggregateID();
-        if (aggregate) {
-            std::vector<float> input(cycleFrames * 2, signal ? 0.25f : 0.0f);
-            std::vector<float> output(cycleFrames * 2, 0.0f);
+        if (auto id = aggregate()) {
+            std::vector<float> input(cycleFrames * 2, signal ? 0.25f : 0.0f), output(cycleFrames * 2, 0.0f);
             AudioBuffer in { 2, static_cast<uint32_t>(input.size() * sizeof(float)), input.data() };
             AudioBuffer out { 2, static_cast<uint32_t>(output.size() * sizeof(float)), output.data() };
-            AudioBufferList inList { 1, &in };
-            AudioBufferList outList { 1, &out };
+            AudioBufferList inList { 1, &in }, outList { 1, &out };
             for (int i = 0; i < 4; ++i)
-                hardware->runIOCycle(aggregate, &inList, &outList);
+                hardware->runIOCycle(id, &inList, &outList);
         }
         executor->advance(1s);
         executor->runPending();
     }
 
-    void setPlaying(bool playing) { hardware->setProcessRunningOutput(player, playing); }
+    // Switch, engines, monitor, stored wish, live audio objects and status in one line.
+    std::string state()
+    {
+        return std::string(controller->isRunning() ? "on" : "off") + (controller->hasSingleDeviceProcessor() ? " engine" : "")
+            + (controller->hasBufferedProcessor() ? " buffered" : "") + (controller->hasMonitor() ? " monitor" : "")
+            + (EQSettings::eqEnabled() ? " stored" : "") + (hardware->nothingAlive() ? "" : " alive") + ": "
+            + controller->status().description();
+    }
 
-    // How often a line was logged since the last takeLines().
     size_t logged(const std::string& text)
     {
         std::lock_guard guard(linesLock);
@@ -149,430 +172,291 @@ protected:
         return taken;
     }
 
-    static size_t count(const std::vector<std::string>& lines, const std::string& text)
-    {
-        return static_cast<size_t>(std::count(lines.begin(), lines.end(), text));
-    }
-    static size_t countPrefix(const std::vector<std::string>& lines, const std::string& prefix)
-    {
-        return static_cast<size_t>(std::count_if(lines.begin(), lines.end(),
-                                                 [&](const std::string& line) { return line.rfind(prefix, 0) == 0; }));
-    }
-
     sorva::testing::ConfigHome configHome;
     std::shared_ptr<SimulatedAudioHardware> hardware = std::make_shared<SimulatedAudioHardware>();
     std::shared_ptr<ManualMainExecutor> executor = std::make_shared<ManualMainExecutor>();
-    AudioObjectID speakers = 0;
     AudioObjectID player = 0;
     std::unique_ptr<EQController> controller;
     SleepWatcher* sleepWatcher = nullptr;
-    std::vector<EQController::Status> statuses;
+    std::vector<Status> statuses;
     std::mutex linesLock;
     std::vector<std::string> lines;
-    std::vector<uint64_t> sleeps;
 };
 
-using Status = EQController::Status;
-
-TEST_F(ControllerTest, SwitchingOnStoresTheWishStartsTheEngineAndSummarizesTheSetUp)
+TEST_F(ControllerTest, SwitchRestoreAndStopStartTheEngineAndTearItDown)
 {
-    auto& eq = make();
-    EXPECT_EQ(eq.status(), Status::off());
-    EXPECT_EQ(eq.spectrum(), std::vector<float>(16, 0.0f));
-    eq.setRunning(true);
-    // Stored at once, before the coordinator has done anything.
-    EXPECT_TRUE(EQSettings::eqEnabled());
-    ASSERT_TRUE(pumpUntil([&] { return eq.isRunning(); }));
-    EXPECT_TRUE(eq.hasSingleDeviceProcessor());
-    EXPECT_EQ(eq.status(), Status::starting());
-    EXPECT_EQ(eq.diagnostics().toStdString(), "Speakers · 48 kHz");
+    make().restorePreviousState();
+    executor->runPending();
+    executor->advance(2s);
+    EXPECT_EQ(state(), "off: off");
+    EXPECT_EQ(controller->spectrum(), std::vector<float>(16, 0.0f));
+    EXPECT_EQ(takeLines(), std::vector<std::string> { "restorePreviousState called, wasEnabled=false" });
+
+    controller->setRunning(true);
+    EXPECT_TRUE(EQSettings::eqEnabled()) << "stored before the coordinator has done anything";
+    ASSERT_TRUE(pumpUntil([&] { return controller->isRunning(); }));
+    EXPECT_TRUE(controller->hasSingleDeviceProcessor());
+    EXPECT_EQ(controller->status(), Status::starting());
+    EXPECT_EQ(controller->diagnostics().toStdString(), "Speakers · 48 kHz");
     ASSERT_TRUE(pumpUntil([&] { return logged("setRunning task finished awaiting setUserEnabled") == 1; }));
     auto log = takeLines();
     EXPECT_EQ(log[0], "setRunning(true) called");
     EXPECT_EQ(count(log, "setRunning task started"), 1u);
 
-    // Off again: engine and monitor gone, no other program's audio held.
-    eq.setRunning(false);
-    ASSERT_TRUE(pumpUntil([&] { return !eq.hasSingleDeviceProcessor() && eq.status() == Status::off(); }));
-    EXPECT_FALSE(eq.isRunning());
-    EXPECT_FALSE(eq.hasMonitor());
-    EXPECT_FALSE(EQSettings::eqEnabled());
-    EXPECT_TRUE(hardware->nothingAlive());
-}
+    switchOff();
+    EXPECT_EQ(state(), "off: off");
 
-TEST_F(ControllerTest, RestoreStartsOnlyWhenTheUserLeftItOn)
-{
-    {
-        auto& eq = make();
-        eq.restorePreviousState();
-        executor->runPending();
-        executor->advance(2s);
-        EXPECT_FALSE(eq.hasSingleDeviceProcessor());
-        EXPECT_EQ(eq.status(), Status::off());
-        EXPECT_EQ(takeLines(), std::vector<std::string> { "restorePreviousState called, wasEnabled=false" });
-    }
+    // Launched again, it restores the stored wish.
     EQSettings::setEQEnabled(true);
-    controller.reset();
+    takeLines();
     auto& eq = make();
     eq.restorePreviousState();
-    ASSERT_TRUE(pumpUntil([&] { return eq.isRunning(); }));
-    ASSERT_TRUE(pumpUntil([&] { return logged("restore task finished") == 1; }));
-    auto log = takeLines();
+    ASSERT_TRUE(pumpUntil([&] { return eq.isRunning() && logged("restore task finished") == 1; }));
+    log = takeLines();
     EXPECT_EQ(log[0], "restorePreviousState called, wasEnabled=true");
     EXPECT_EQ(count(log, "restore task started"), 1u);
-    EXPECT_TRUE(EQSettings::eqEnabled());
-}
 
-TEST_F(ControllerTest, FirstSignalAfterSevenSecondsIsCapturingNotAPermissionProblem)
-{
-    auto& eq = make();
-    switchOn();
-    takeLines();
-    for (int second = 1; second <= 6; ++second) {
-        tick(false);
-        EXPECT_EQ(eq.status(), Status::idle()) << "tick " << second;
-    }
-    tick(true);
-    EXPECT_EQ(eq.status().kind, Status::Case::capturing);
-    EXPECT_FLOAT_EQ(eq.status().peak, 0.25f);
-    for (int second = 8; second <= 12; ++second)
-        tick(false);
-    EXPECT_EQ(eq.status(), Status::idle());
-    EXPECT_TRUE(eq.isRunning());
-    auto log = takeLines();
-    EXPECT_EQ(countPrefix(log, "no signal within grace period"), 0u);
-    // One statistics line per tick, in the described format.
-    std::regex format(R"(frames -?\d+/s · peak \d+\.\d{4} · late \d+/\d+ · maxGap \d+\.\dms · work \d+\.\d{2}ms)");
-    std::vector<std::string> statistics;
-    for (const auto& line : log)
-        if (line.rfind("frames ", 0) == 0) {
-            EXPECT_TRUE(std::regex_match(line, format)) << line;
-            statistics.push_back(line);
-        }
-    ASSERT_EQ(statistics.size(), 12u);
-    // Four cycles of 512 frames ran before each tick.
-    EXPECT_EQ(statistics[6].rfind("frames 2048/s · peak 0.2500 · late 0/4 · maxGap ", 0), 0u) << statistics[6];
-    EXPECT_EQ(statistics[7].rfind("frames 2048/s · peak 0.0000 · ", 0), 0u) << statistics[7];
-}
-
-TEST_F(ControllerTest, NoSignalPastTheGracePeriodMeansPermissionDeniedWithoutForgettingTheSwitch)
-{
-    auto& eq = make();
-    switchOn();
-    takeLines();
-    for (int second = 1; second <= 8; ++second) {
-        tick(false);
-        EXPECT_EQ(eq.status(), Status::idle()) << "tick " << second;
-    }
-    EXPECT_EQ(countPrefix(takeLines(), "no signal within grace period"), 0u);
-    // Tick 9 is the first more than 8 s after the start.
-    tick(false);
-    auto log = takeLines();
-    EXPECT_EQ(count(log, "no signal within grace period — permission likely not granted"), 1u);
-    EXPECT_EQ(countPrefix(log, "frames "), 0u);
-    EXPECT_EQ(eq.status(), Status::permissionDenied());
-    ASSERT_TRUE(pumpUntil([&] { return !eq.isRunning() && !eq.hasSingleDeviceProcessor(); }));
-    ASSERT_TRUE(pumpUntil([&] { return eq.lifecycle().currentState() == AudioLifecycleState::inactive; }));
-    executor->runPending();
-    // The coordinator's "inactive" shows the permission problem, not "off".
-    EXPECT_EQ(eq.status(), Status::permissionDenied());
-    EXPECT_EQ(statuses.back(), Status::permissionDenied());
-    EXPECT_TRUE(EQSettings::eqEnabled());
+    // stopProcessor tears down at once, and the poll then does nothing.
+    eq.stopProcessor();
+    EXPECT_FALSE(eq.hasSingleDeviceProcessor());
+    EXPECT_FALSE(eq.hasMonitor());
     EXPECT_TRUE(hardware->nothingAlive());
+    takeLines();
+    executor->advance(3s);
+    EXPECT_EQ(countPrefix(takeLines(), "frames "), 0u);
+    eq.stopProcessor();
 }
 
-TEST_F(ControllerTest, AnIdleGraphThatDeliversNoFramesIsNotAPermissionProblem)
+TEST_F(ControllerTest, FirstSignalAfterSevenSecondsIsCapturingAndLaterSilenceWithNothingPlayingIsOnlyIdle)
 {
     auto& eq = make();
     switchOn();
     takeLines();
-    // Nothing plays: the graph runs no cycles at all.
-    for (int second = 1; second <= 30; ++second) {
-        executor->advance(1s);
-        executor->runPending();
+    int taps = hardware->callCount(Call::createProcessTap);
+    for (int second = 1; second <= 37; ++second) {
+        tick(second == 7);
+        if (second != 7)
+            EXPECT_EQ(eq.status(), Status::idle()) << "tick " << second;
+        else
+            EXPECT_EQ(eq.status(), Status::capturing(0.25f, 0));
     }
-    EXPECT_EQ(eq.status(), Status::idle());
-    EXPECT_EQ(countPrefix(takeLines(), "no signal within grace period"), 0u);
-    // Then the tap delivers silence: the grace period runs from the last
-    // tick without frames, and ends at the ninth tick of delivered silence.
-    for (int second = 1; second <= 8; ++second)
-        tick(false);
-    EXPECT_EQ(countPrefix(takeLines(), "no signal within grace period"), 0u);
-    tick(false);
-    EXPECT_EQ(count(takeLines(), "no signal within grace period — permission likely not granted"), 1u);
-    EXPECT_EQ(eq.status(), Status::permissionDenied());
-}
-
-TEST_F(ControllerTest, SilenceWhileNothingPlaysIsOnlyIdle)
-{
-    auto& eq = make();
-    switchOn();
-    tick(true);
-    takeLines();
-    int tapsBefore = hardware->callCount(SimulatedAudioHardware::Call::createProcessTap);
-    for (int second = 0; second < 30; ++second)
-        tick(false);
-    EXPECT_EQ(eq.status(), Status::idle());
+    EXPECT_TRUE(eq.isRunning());
+    EXPECT_EQ(hardware->callCount(Call::createProcessTap), taps) << "no restart";
+    // Nothing but one statistics line per tick, in the described format.
     auto log = takeLines();
-    EXPECT_EQ(countPrefix(log, "frames "), 30u);
-    EXPECT_EQ(log.size(), 30u) << "nothing but the statistics lines";
-    EXPECT_EQ(hardware->callCount(SimulatedAudioHardware::Call::createProcessTap), tapsBefore);
+    ASSERT_EQ(log.size(), 38u);
+    EXPECT_EQ(log[0].rfind("IOProc layout — ", 0), 0u) << "logged once, at the first cycle";
+    log.erase(log.begin());
+    std::regex format(R"(frames -?\d+/s · peak \d+\.\d{4} · late \d+/\d+ · maxGap \d+\.\dms · work \d+\.\d{2}ms)");
+    for (const auto& line : log)
+        EXPECT_TRUE(std::regex_match(line, format)) << line;
+    // Four cycles of 512 frames ran before each tick.
+    EXPECT_EQ(log[6].rfind("frames 2048/s · peak 0.2500 · late 0/4 · maxGap ", 0), 0u) << log[6];
+    EXPECT_EQ(log[7].rfind("frames 2048/s · peak 0.0000 · ", 0), 0u) << log[7];
 }
 
-TEST_F(ControllerTest, SilentTapWhilePlayingRestartsAtTickTwoAndTheFourthRestartGivesUp)
+TEST_F(ControllerTest, NoSignalForNineTicksMeansPermissionDeniedWithoutForgettingTheSwitch)
+{
+    // The grace period runs from the start, or from the last tick without
+    // frames when an idle graph ran no cycles at all.
+    for (int idleSeconds : { 0, 30 }) {
+        auto& eq = make();
+        switchOn();
+        for (int second = 0; second < idleSeconds; ++second) {
+            executor->advance(1s);
+            executor->runPending();
+        }
+        for (int second = 1; second <= 8; ++second) {
+            tick(false);
+            EXPECT_EQ(eq.status(), Status::idle()) << "tick " << second << " after " << idleSeconds;
+        }
+        EXPECT_EQ(countPrefix(takeLines(), "no signal within grace period"), 0u);
+        tick(false);
+        auto log = takeLines();
+        EXPECT_EQ(count(log, "no signal within grace period — permission likely not granted"), 1u);
+        EXPECT_EQ(countPrefix(log, "frames "), 0u);
+        EXPECT_EQ(eq.status(), Status::permissionDenied());
+        ASSERT_TRUE(pumpUntil([&] { return !eq.isRunning() && !eq.hasSingleDeviceProcessor(); }));
+        waitForState(AudioLifecycleState::inactive);
+        // The coordinator's "inactive" shows the permission problem, not "off".
+        EXPECT_EQ(statuses.back(), Status::permissionDenied());
+        EXPECT_EQ(state(), "off stored: permissionDenied");
+    }
+}
+
+TEST_F(ControllerTest, SilentTapWhilePlayingRestartsAtTickTwoAndTheFourthRestartIn20sGivesUp)
 {
     auto& eq = make();
     switchOn();
-    setPlaying(true);
-    for (int restart = 1; restart <= 3; ++restart) {
-        auto aggregate = eq.singleDeviceProcessor()->currentAggregateID();
+    hardware->setProcessRunningOutput(player, true);
+    auto restartOnce = [&] {
+        auto old = aggregate();
         takeLines();
         tick(false);
         EXPECT_EQ(eq.status(), Status::idle());
         EXPECT_EQ(countPrefix(takeLines(), "tap still silent"), 0u);
         tick(false);
         auto log = takeLines();
-        EXPECT_EQ(count(log, "tap still silent after 2s — restarting"), 1u) << "restart " << restart;
+        EXPECT_EQ(count(log, restartLine), 1u);
         EXPECT_EQ(countPrefix(log, "frames "), 0u);
-        // The coordinator stops the engine and starts a new one, which primes
-        // the counters again.
-        ASSERT_TRUE(pumpUntil([&] {
-            return eq.isRunning() && eq.singleDeviceProcessor()
-                && eq.singleDeviceProcessor()->currentAggregateID() != aggregate;
-        }));
-    }
+        EXPECT_EQ(countPrefix(log, "too many restarts"), 0u);
+        waitForRebuild(old);
+    };
+    auto switchOffFor = [&](std::chrono::seconds pause) {
+        switchOff();
+        executor->advance(pause);
+        switchOn();
+        takeLines();
+    };
+    for (int i = 0; i < 3; ++i)
+        restartOnce(); // t = 2, 4, 6
+    tick(true); // t = 7: a signal empties the list
+    for (int i = 0; i < 3; ++i)
+        restartOnce(); // t = 9, 11, 13
+    // The window spans off periods, and an entry exactly 20 s old still
+    // counts: the request at t = 29 finds 9, 11 and 13.
+    switchOffFor(14s);
     tick(false);
-    takeLines();
     tick(false);
     auto log = takeLines();
-    EXPECT_EQ(count(log, "tap still silent after 2s — restarting"), 1u);
+    EXPECT_EQ(count(log, restartLine), 1u);
     EXPECT_EQ(count(log, "too many restarts (3) in 20s — giving up, turning off"), 1u);
     EXPECT_EQ(count(log, "setRunning(false) called"), 1u);
     ASSERT_TRUE(pumpUntil([&] { return !eq.hasSingleDeviceProcessor() && eq.status() == Status::off(); }));
-    EXPECT_FALSE(EQSettings::eqEnabled());
-    EXPECT_TRUE(hardware->nothingAlive());
+    EXPECT_EQ(state(), "off: off");
+    // Giving up emptied the list; entries more than 20 s old drop out.
+    switchOn();
+    for (int i = 0; i < 3; ++i)
+        restartOnce(); // t = 31, 33, 35
+    switchOffFor(15s);
+    restartOnce(); // t = 52: 31 is 21 s old
 }
 
 TEST_F(ControllerTest, BufferedSilenceWhilePlayingRefreshesAtTwoAndRestartsAtFiveOncePerSilence)
 {
-    storeBufferedMode(80);
+    QSettings file(QString::fromStdString(EQSettings::filePath().string()), QSettings::IniFormat);
+    file.setValue(QStringLiteral("bufferedMode"), true);
+    file.setValue(QStringLiteral("bufferLatencyMs"), 80);
+    file.sync();
     auto& eq = make();
     switchOn();
     ASSERT_TRUE(eq.hasBufferedProcessor());
     EXPECT_FALSE(eq.hasSingleDeviceProcessor());
     EXPECT_EQ(eq.diagnostics().toStdString(), "Speakers · 80 ms buffer");
     tick(true);
-    EXPECT_EQ(eq.status().kind, Status::Case::capturing);
-    setPlaying(true);
-    auto refreshes = [&] { return hardware->callCount(SimulatedAudioHardware::Call::setTapDescription); };
+    hardware->setProcessRunningOutput(player, true);
+    auto refreshes = [&] { return hardware->callCount(Call::setTapDescription); };
     int before = refreshes();
-    auto aggregate = eq.bufferedProcessor()->currentAggregateID();
+    auto old = aggregate();
     takeLines();
-
-    tick(false); // 1
-    EXPECT_EQ(eq.status(), Status::idle());
-    auto log = takeLines();
-    ASSERT_EQ(log.size(), 1u);
-    EXPECT_EQ(log[0].rfind("frames 2048/s · peak 0.0000 · late ", 0), 0u) << log[0];
-    EXPECT_NE(log[0].find(" · buffered "), std::string::npos) << log[0];
-    EXPECT_NE(log[0].find(" · underruns "), std::string::npos) << log[0];
-
     statuses.clear();
-    tick(false); // 2: the tap is refreshed in place, and that is all
-    EXPECT_EQ(takeLines(), std::vector<std::string> { "tap silent while audio plays — refreshed in place" });
-    EXPECT_EQ(refreshes(), before + 1);
-    EXPECT_TRUE(statuses.empty()) << "no status update in a refresh tick";
-
-    tick(false); // 3
-    tick(false); // 4
-    log = takeLines();
-    EXPECT_EQ(countPrefix(log, "frames "), 2u);
-    EXPECT_EQ(refreshes(), before + 1) << "one refresh per silence";
-
-    tick(false); // 5
-    EXPECT_EQ(count(takeLines(), "tap still silent after 5s — restarting"), 1u);
-    ASSERT_TRUE(pumpUntil([&] {
-        return eq.isRunning() && eq.bufferedProcessor() && eq.bufferedProcessor()->currentAggregateID() != aggregate;
-    }));
+    for (int second = 1; second <= 5; ++second) {
+        tick(false);
+        auto log = takeLines();
+        if (second == 2) { // refreshed in place, and that is all
+            EXPECT_EQ(log, std::vector<std::string> { "tap silent while audio plays — refreshed in place" });
+            EXPECT_EQ(statuses, std::vector<Status> { Status::idle() }) << "no status update in a refresh tick";
+        } else if (second == 5) {
+            EXPECT_EQ(count(log, "tap still silent after 5s — restarting"), 1u);
+        } else {
+            ASSERT_EQ(log.size(), 1u);
+            EXPECT_TRUE(std::regex_match(log[0], std::regex(R"(frames 2048/s · peak 0\.0000 · late .* · buffered \d+ · underruns \d+)")))
+                << log[0];
+        }
+        EXPECT_EQ(refreshes(), before + (second >= 2)) << "one refresh per silence";
+    }
+    waitForRebuild(old);
 
     // On the new engine a refresh that fails lets the tick go on as usual.
-    hardware->injectStatus(SimulatedAudioHardware::Call::setTapDescription, 1, 1);
+    hardware->injectStatus(Call::setTapDescription, 1, 1);
     takeLines();
     tick(false);
     tick(false);
-    log = takeLines();
+    auto log = takeLines();
     EXPECT_EQ(count(log, "tap refresh failed (OSStatus 1)"), 1u);
     EXPECT_EQ(countPrefix(log, "tap silent while audio plays"), 0u);
     EXPECT_EQ(countPrefix(log, "frames "), 2u);
     EXPECT_EQ(eq.status(), Status::idle());
 }
 
-TEST_F(ControllerTest, RestartsOlderThanTheWindowNoLongerCountAndASignalClearsThem)
+TEST_F(ControllerTest, BypassSendsFlatBandsWhileTheSavedGainsStayAndPresetsFillTheLeadingBands)
 {
     auto& eq = make();
     switchOn();
-    setPlaying(true);
-    auto restartOnce = [&] {
-        auto aggregate = eq.singleDeviceProcessor()->currentAggregateID();
-        tick(false);
-        tick(false);
-        ASSERT_TRUE(pumpUntil([&] {
-            return eq.isRunning() && eq.singleDeviceProcessor()
-                && eq.singleDeviceProcessor()->currentAggregateID() != aggregate;
-        }));
+    auto expectSaved = [&](std::vector<double> gains, double outputGain) {
+        for (const auto& saved : { eq.config(), EQSettings::loadConfig() }) {
+            ASSERT_EQ(saved.bands.size(), 5u);
+            for (size_t i = 0; i < 5; ++i)
+                EXPECT_DOUBLE_EQ(saved.bands[i].gain, gains[i]) << i;
+            EXPECT_DOUBLE_EQ(saved.outputGain, outputGain);
+        }
     };
-    auto switchOffFor = [&](std::chrono::seconds pause) {
-        eq.setRunning(false);
-        ASSERT_TRUE(pumpUntil([&] { return !eq.hasSingleDeviceProcessor() && eq.status() == Status::off(); }));
-        executor->advance(pause);
-        switchOn();
+    auto* engine = eq.singleDeviceProcessor();
+    auto expectApplied = [&](bool flat) {
+        for (int64_t band = 0; band < 5; ++band)
+            EXPECT_EQ(engine->eq.section(engine->eq.publishedBank(), band).isIdentity(), flat) << band;
+        EXPECT_NEAR(engine->eq.currentOutputGain(), flat ? 1.0 : std::pow(10.0, 2.0 / 20), 1e-6);
     };
-    restartOnce(); // t = 2
-    restartOnce(); // t = 4
-    restartOnce(); // t = 6
-    // A signal empties the list: three more restarts are allowed.
-    tick(true); // t = 7
-    restartOnce(); // t = 9
-    restartOnce(); // t = 11
-    restartOnce(); // t = 13
-    EXPECT_EQ(countPrefix(takeLines(), "too many restarts"), 0u);
-
-    // The window spans engine runs and off periods, and an entry exactly
-    // 20 s old still counts: the request at t = 29 finds 9, 11 and 13.
-    switchOffFor(14s); // on again at t = 27
-    tick(false);
-    tick(false); // t = 29
-    EXPECT_EQ(count(takeLines(), "too many restarts (3) in 20s — giving up, turning off"), 1u);
-    ASSERT_TRUE(pumpUntil([&] { return !eq.hasSingleDeviceProcessor() && eq.status() == Status::off(); }));
-
-    // Giving up emptied the list; entries more than 20 s old drop out.
-    switchOn(); // t = 29
-    restartOnce(); // t = 31
-    restartOnce(); // t = 33
-    restartOnce(); // t = 35
-    switchOffFor(15s); // on again at t = 50
-    takeLines();
-    tick(false);
-    tick(false); // t = 52: 31 is 21 s old; 33 and 35 remain
-    auto log = takeLines();
-    EXPECT_EQ(countPrefix(log, "too many restarts"), 0u);
-    EXPECT_EQ(count(log, "tap still silent after 2s — restarting"), 1u);
-    ASSERT_TRUE(pumpUntil([&] { return eq.isRunning() && eq.hasSingleDeviceProcessor(); }));
-}
-
-TEST_F(ControllerTest, BypassSendsFlatBandsWhileTheSavedGainsStay)
-{
-    auto& eq = make();
-    switchOn();
     EQConfig config = eq.config();
-    const double gains[] = { 6, -3, 4, -2, 5 };
-    for (size_t i = 0; i < config.bands.size(); ++i)
+    const std::vector<double> gains { 6, -3, 4, -2, 1.5 };
+    for (size_t i = 0; i < 5; ++i)
         config.bands[i].gain = gains[i];
     config.outputGain = 2;
     eq.setConfig(config);
-    auto* engine = eq.singleDeviceProcessor();
-    auto sections = [&] {
-        std::vector<bool> identity;
-        for (int64_t band = 0; band < 5; ++band)
-            identity.push_back(engine->eq.section(engine->eq.publishedBank(), band).isIdentity());
-        return identity;
-    };
-    EXPECT_EQ(sections(), std::vector<bool>(5, false));
-    EXPECT_NEAR(engine->eq.currentOutputGain(), std::pow(10.0, 2.0 / 20), 1e-6);
-
+    expectApplied(false);
     eq.setBypassed(true);
-    EXPECT_EQ(sections(), std::vector<bool>(5, true));
-    EXPECT_FLOAT_EQ(engine->eq.currentOutputGain(), 1.0f);
-    // What is stored and what the panel edits keep the real gains.
-    auto stored = EQSettings::loadConfig();
-    for (size_t i = 0; i < 5; ++i) {
-        EXPECT_DOUBLE_EQ(stored.bands[i].gain, gains[i]);
-        EXPECT_DOUBLE_EQ(eq.config().bands[i].gain, gains[i]);
-    }
-    EXPECT_DOUBLE_EQ(stored.outputGain, 2.0);
-
+    expectApplied(true);
+    expectSaved(gains, 2); // what is stored and what the panel edits keep the real gains
     eq.setBypassed(false);
-    EXPECT_EQ(sections(), std::vector<bool>(5, false));
-    EXPECT_NEAR(engine->eq.currentOutputGain(), std::pow(10.0, 2.0 / 20), 1e-6);
-}
-
-TEST_F(ControllerTest, PresetsFillTheLeadingBandsAndResetFlattensEverything)
-{
-    auto& eq = make();
-    EQConfig config = eq.config();
-    for (auto& band : config.bands)
-        band.gain = 1.5;
-    eq.setConfig(config);
+    expectApplied(false);
 
     eq.apply(EQPreset { "Short", { 3, -3 }, -1 });
-    std::vector<double> expected { 3, -3, 1.5, 1.5, 1.5 };
-    for (size_t i = 0; i < 5; ++i)
-        EXPECT_DOUBLE_EQ(eq.config().bands[i].gain, expected[i]) << i;
-    EXPECT_DOUBLE_EQ(eq.config().outputGain, -1);
-
+    expectSaved({ 3, -3, 4, -2, 1.5 }, -1);
     eq.apply(EQPreset { "Long", { 1, 2, 3, 4, 5, 6, 7 }, 0.5 });
-    for (size_t i = 0; i < 5; ++i)
-        EXPECT_DOUBLE_EQ(eq.config().bands[i].gain, static_cast<double>(i + 1));
-    EXPECT_EQ(eq.config().bands.size(), 5u);
-    auto stored = EQSettings::loadConfig();
-    EXPECT_DOUBLE_EQ(stored.bands[4].gain, 5);
-    EXPECT_DOUBLE_EQ(stored.outputGain, 0.5);
+    expectSaved({ 1, 2, 3, 4, 5 }, 0.5);
     // Labels and frequencies are not the preset's business.
     EXPECT_EQ(eq.config().bands[0].label, "Bass");
     EXPECT_DOUBLE_EQ(eq.config().bands[4].frequency, 8000);
-
     eq.reset();
-    for (const auto& band : eq.config().bands)
-        EXPECT_DOUBLE_EQ(band.gain, 0);
-    EXPECT_DOUBLE_EQ(eq.config().outputGain, 0);
-    EXPECT_DOUBLE_EQ(EQSettings::loadConfig().bands[0].gain, 0);
+    expectSaved({ 0, 0, 0, 0, 0 }, 0);
 }
 
 TEST_F(ControllerTest, PermissionRefusalShowsOnceThenTheNextFailureShowsItsMessage)
 {
     auto& eq = make();
-    hardware->injectStatus(SimulatedAudioHardware::Call::createProcessTap, 1852797029, 1);
+    hardware->injectStatus(Call::createProcessTap, 1852797029, 1);
     eq.setRunning(true);
-    ASSERT_TRUE(pumpUntil([&] { return eq.lifecycle().currentState() == AudioLifecycleState::failed; }));
+    waitForState(AudioLifecycleState::failed);
     ASSERT_TRUE(pumpUntil([&] { return eq.status() == Status::permissionDenied(); }));
     EXPECT_EQ(count(takeLines(), "start failed: System audio recording permission not granted"), 1u);
 
-    // Next: a failure of another kind, shown with its message.
-    hardware->injectStatus(SimulatedAudioHardware::Call::createAggregateDevice, -50, 1);
+    hardware->injectStatus(Call::createAggregateDevice, -50, 1);
     eq.setRunning(false);
-    ASSERT_TRUE(pumpUntil([&] { return eq.lifecycle().currentState() == AudioLifecycleState::inactive; }));
-    executor->runPending();
+    waitForState(AudioLifecycleState::inactive);
     EXPECT_EQ(eq.status(), Status::off()) << "the permission flag was consumed by the failed publication";
     eq.setRunning(true);
     ASSERT_TRUE(pumpUntil([&] { return eq.status().kind == Status::Case::failed; }));
-    EXPECT_EQ(eq.status().message.rfind("AudioHardwareCreateAggregateDevice failed", 0) == 0
-                  || eq.status().message.find("failed (OSStatus -50)") != std::string::npos,
-              true)
-        << eq.status().message;
+    EXPECT_NE(eq.status().message.find("(OSStatus -50)"), std::string::npos) << eq.status().message;
     EXPECT_FALSE(eq.isRunning());
 
     // With nothing failing any more, the switch works again.
     eq.setRunning(false);
-    ASSERT_TRUE(pumpUntil([&] { return eq.lifecycle().currentState() == AudioLifecycleState::inactive; }));
+    waitForState(AudioLifecycleState::inactive);
     eq.setRunning(true);
     ASSERT_TRUE(pumpUntil([&] { return eq.isRunning(); }));
     EXPECT_EQ(eq.status(), Status::starting());
 }
 
-TEST_F(ControllerTest, StatusFollowsTheCoordinatorsStates)
+TEST_F(ControllerTest, SleepAndWakeFromTheWatcherStopAndRestartWithMatchingStatuses)
 {
     auto& eq = make();
     switchOn();
-    // Sleep and wake arrive through the watcher (logind on a real system).
     eq.observeWake();
     ASSERT_NE(sleepWatcher, nullptr);
     statuses.clear();
     sleepWatcher->handlePrepareForSleep(true);
-    ASSERT_TRUE(pumpUntil([&] { return eq.lifecycle().currentState() == AudioLifecycleState::sleeping; }));
-    executor->runPending();
-    EXPECT_FALSE(eq.isRunning());
-    EXPECT_FALSE(eq.hasSingleDeviceProcessor());
-    EXPECT_EQ(eq.status(), Status::off());
+    waitForState(AudioLifecycleState::sleeping);
+    EXPECT_EQ(state(), "off stored: off");
     sleepWatcher->handlePrepareForSleep(false);
     ASSERT_TRUE(pumpUntil([&] { return eq.isRunning(); }));
     // sleeping: off; recovering and starting: starting; running leaves it.
@@ -580,44 +464,12 @@ TEST_F(ControllerTest, StatusFollowsTheCoordinatorsStates)
     auto log = takeLines();
     EXPECT_EQ(count(log, "willSleepNotification received"), 1u);
     EXPECT_EQ(count(log, "didWakeNotification received"), 1u);
-
-    // A failing start without a stored message would read "Couldn't start";
-    // here the engine's own message is shown.
-    hardware->injectStatus(SimulatedAudioHardware::Call::createProcessTap, 7, -1);
-    eq.setRunning(false);
-    ASSERT_TRUE(pumpUntil([&] { return eq.lifecycle().currentState() == AudioLifecycleState::inactive; }));
-    eq.setRunning(true);
-    ASSERT_TRUE(pumpUntil([&] { return eq.status().kind == Status::Case::failed; }));
-    EXPECT_NE(eq.status().message.find("(OSStatus 7)"), std::string::npos) << eq.status().message;
-}
-
-TEST_F(ControllerTest, ADefaultDeviceSwitchRebuildsOnceOnTheNewDevice)
-{
-    auto second = hardware->addOutputDevice("Second Speakers", "speakers-2", 44100.0, cycleFrames);
-    auto& eq = make();
-    switchOn();
-    tick(true);
-    tick(true);
-    tick(true);
-    tick(true); // past the engine's settle time after its start
-    auto aggregate = eq.singleDeviceProcessor()->currentAggregateID();
-    takeLines();
-    hardware->setDefaultOutputDevice(second);
-    ASSERT_TRUE(pumpUntil([&] {
-        return eq.isRunning() && eq.singleDeviceProcessor()
-            && eq.singleDeviceProcessor()->currentAggregateID() != aggregate;
-    }));
-    EXPECT_EQ(eq.diagnostics().toStdString(), "Second Speakers · 44 kHz");
-    executor->runPending();
-    EXPECT_EQ(hardware->liveAggregates(), 1u);
-    EXPECT_EQ(hardware->liveTaps(), 1u);
 }
 
 TEST_F(ControllerTest, SpectrumFollowsTheEngineOnlyWhileRunningAndStopResetsIt)
 {
     auto& eq = make();
     eq.startSpectrum();
-    EXPECT_TRUE(eq.hasSpectrumTimer());
     int changes = 0;
     QObject::connect(&eq, &EQController::spectrumChanged, [&] { ++changes; });
     executor->advance(100ms);
@@ -630,25 +482,10 @@ TEST_F(ControllerTest, SpectrumFollowsTheEngineOnlyWhileRunningAndStopResetsIt)
     ASSERT_EQ(levels.size(), 16u);
     EXPECT_GT(*std::max_element(levels.begin(), levels.end()), 0.0f);
     eq.stopSpectrum();
-    EXPECT_FALSE(eq.hasSpectrumTimer());
     EXPECT_EQ(eq.spectrum(), std::vector<float>(16, 0.0f));
     int atStop = changes;
     executor->advance(1s);
-    EXPECT_EQ(changes, atStop + 0) << "no timer any more (poll changes no spectrum)";
-}
-
-TEST_F(ControllerTest, StopProcessorTearsDownAtOnceAndPollThenDoesNothing)
-{
-    auto& eq = make();
-    switchOn();
-    eq.stopProcessor();
-    EXPECT_FALSE(eq.hasSingleDeviceProcessor());
-    EXPECT_FALSE(eq.hasMonitor());
-    EXPECT_TRUE(hardware->nothingAlive());
-    takeLines();
-    executor->advance(3s);
-    EXPECT_EQ(countPrefix(takeLines(), "frames "), 0u);
-    eq.stopProcessor(); // twice is harmless
+    EXPECT_EQ(changes, atStop);
 }
 
 } // namespace

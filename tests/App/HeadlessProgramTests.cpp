@@ -8,148 +8,108 @@
 
 #include <QElapsedTimer>
 #include <QProcess>
-#include <QProcessEnvironment>
 
 #include <csignal>
+#include <filesystem>
+#include <map>
+#include <optional>
 #include <regex>
 #include <string>
+#include <vector>
 
 namespace sorva {
 namespace {
 
-class HeadlessProgram {
-public:
-    HeadlessProgram(const QStringList& arguments, const std::map<QString, QString>& variables,
-                    const std::vector<QString>& removed = {})
-    {
-        auto environment = QProcessEnvironment::systemEnvironment();
-        environment.remove(QStringLiteral("SORVA_AUTOSTART"));
-        for (const auto& name : removed)
-            environment.remove(name);
-        for (const auto& [name, value] : variables)
-            environment.insert(name, value);
-        process.setProcessEnvironment(environment);
-        process.start(QStringLiteral(SORVA_BINARY), arguments);
-        started = process.waitForStarted(5000);
-    }
-    ~HeadlessProgram()
-    {
-        if (process.state() != QProcess::NotRunning) {
-            process.kill();
-            process.waitForFinished(5000);
-        }
-    }
-
-    // Reads standard error until a line matches, or the time is up.
-    bool waitForLine(const std::regex& pattern, int milliseconds)
-    {
-        QElapsedTimer clock;
-        clock.start();
-        for (;;) {
-            for (; scanned < lines.size(); ++scanned)
-                if (std::regex_search(lines[scanned], pattern))
-                    return true;
-            if (clock.elapsed() > milliseconds || process.state() == QProcess::NotRunning)
-                return false;
-            process.waitForReadyRead(50);
-            readLines();
-        }
-    }
-
-    void signal(int number) { ::kill(static_cast<pid_t>(process.processId()), number); }
-
-    bool finish(int milliseconds)
-    {
-        bool finished = process.waitForFinished(milliseconds);
-        readLines();
-        return finished;
-    }
-
-    size_t indexOf(const std::string& line) const
-    {
-        auto at = std::find(lines.begin(), lines.end(), line);
-        return at == lines.end() ? std::string::npos : static_cast<size_t>(at - lines.begin());
-    }
-
-    QProcess process;
-    bool started = false;
-    std::vector<std::string> lines;
-
-private:
-    void readLines()
-    {
-        pending += process.readAllStandardError().toStdString();
-        for (auto end = pending.find('\n'); end != std::string::npos; end = pending.find('\n')) {
-            lines.push_back(pending.substr(0, end));
-            pending.erase(0, end + 1);
-        }
-    }
-
-    std::string pending;
-    size_t scanned = 0;
+struct Run {
+    int exitCode = -1; // -1: killed
+    bool ready = false;
+    std::vector<std::string> lines; // standard error
+    size_t indexOf(const std::string& line) const { return size_t(std::find(lines.begin(), lines.end(), line) - lines.begin()); }
 };
+
+// Runs the program in a fresh configuration folder (in values, "$HOME" stands for
+// it; an empty value removes the variable) until a line matches `ready`, then
+// sends `signal`; or until it exits.
+Run run(const QStringList& arguments, std::map<QString, QString> variables, const std::optional<std::regex>& ready = {},
+        int signal = 0)
+{
+    sorva::testing::qtApp();
+    sorva::testing::ConfigHome config;
+    auto environment = QProcessEnvironment::systemEnvironment();
+    variables.try_emplace("TMPDIR", config.path.c_str());
+    variables.try_emplace("SORVA_AUTOSTART", "");
+    for (auto [name, value] : variables)
+        value.isEmpty() ? environment.remove(name) : environment.insert(name, value.replace("$HOME", config.path.c_str()));
+    QProcess process;
+    process.setProcessEnvironment(environment);
+    process.start(QStringLiteral(SORVA_BINARY), arguments);
+    Run result;
+    std::string text;
+    QElapsedTimer clock;
+    clock.start();
+    while (process.state() != QProcess::NotRunning && clock.elapsed() < 10000) {
+        process.waitForReadyRead(50);
+        text += process.readAllStandardError().toStdString();
+        if (ready && std::regex_search(text, *ready)) {
+            result.ready = true;
+            ::kill(static_cast<pid_t>(process.processId()), signal);
+            break;
+        }
+    }
+    if (!process.waitForFinished(10000))
+        process.kill();
+    text += process.readAllStandardError().toStdString();
+    if (process.exitStatus() == QProcess::NormalExit)
+        result.exitCode = process.exitCode();
+    for (size_t start = 0, end; (end = text.find('\n', start)) != std::string::npos; start = end + 1)
+        result.lines.push_back(text.substr(start, end - start));
+    return result;
+}
+
+// Both signals run the shut-down sequence: processing stops, then the program
+// exits with status 0, and no supervision runs in between.
+void expectCleanStop(const Run& run, const std::string& signalName)
+{
+    EXPECT_TRUE(run.ready) << (run.lines.empty() ? "(nothing)" : run.lines.back());
+    EXPECT_EQ(run.exitCode, 0);
+    auto stopping = run.indexOf("[sorva] received " + signalName + " — stopping processing");
+    auto stopped = run.indexOf("[sorva] processing stopped — exiting");
+    EXPECT_LT(stopping, stopped);
+    EXPECT_LT(stopped, run.lines.size());
+    for (size_t i = stopping; i < run.lines.size(); ++i)
+        EXPECT_EQ(run.lines[i].rfind("[sorva] frames ", 0), std::string::npos) << "supervision after the stop";
+}
 
 } // namespace
 
-TEST(HeadlessProgram, EqualizesOnTheSimulatedSystemUntilSigtermThenStopsAndExitsCleanly)
+TEST(HeadlessProgram, AutostartEqualizesOnTheSimulatedSystemUntilSigterm)
 {
-    sorva::testing::qtApp();
-    sorva::testing::ConfigHome config;
-    HeadlessProgram program({ QStringLiteral("--headless"), QStringLiteral("--simulate") },
-                            { { QStringLiteral("SORVA_AUTOSTART"), QStringLiteral("1") },
-                              { QStringLiteral("TMPDIR"), QString::fromStdString(config.path.string()) } });
-    ASSERT_TRUE(program.started);
-    // The per-second statistics line with a signal in it.
-    ASSERT_TRUE(program.waitForLine(std::regex(R"(^\[sorva\] frames \d+/s · peak 0\.\d*[1-9]\d* · late )"), 10000))
-        << (program.lines.empty() ? "" : program.lines.back());
-    program.signal(SIGTERM);
-    ASSERT_TRUE(program.finish(10000));
-    EXPECT_EQ(program.process.exitStatus(), QProcess::NormalExit);
-    EXPECT_EQ(program.process.exitCode(), 0);
-    auto stopping = program.indexOf("[sorva] received SIGTERM — stopping processing");
-    auto stopped = program.indexOf("[sorva] processing stopped — exiting");
-    ASSERT_NE(stopping, std::string::npos);
-    ASSERT_NE(stopped, std::string::npos);
-    EXPECT_LT(stopping, stopped);
-    for (size_t i = stopping; i < program.lines.size(); ++i)
-        EXPECT_EQ(program.lines[i].rfind("[sorva] frames ", 0), std::string::npos) << "supervision after the stop";
-    // The autostart switched processing on and stored it.
-    EXPECT_NE(program.indexOf("[sorva] setRunning(true) called"), std::string::npos);
+    auto result = run({ "--headless", "--simulate" }, { { "SORVA_AUTOSTART", "1" } },
+                      std::regex(R"(\[sorva\] frames \d+/s · peak 0\.\d*[1-9]\d* · late )"), SIGTERM);
+    expectCleanStop(result, "SIGTERM");
+    EXPECT_LT(result.indexOf("[sorva] setRunning(true) called"), result.lines.size());
 }
 
-TEST(HeadlessProgram, WithoutAutostartItRestoresTheStoredSwitchAndStopsOnSigint)
+TEST(HeadlessProgram, WithoutAutostartOfExactlyOneItRestoresTheStoredSwitchAndStopsOnSigint)
 {
-    sorva::testing::qtApp();
-    sorva::testing::ConfigHome config;
     // "true" is not "1": the stored switch (never set, so off) decides.
-    HeadlessProgram program({ QStringLiteral("--simulate") },
-                            { { QStringLiteral("SORVA_AUTOSTART"), QStringLiteral("true") },
-                              { QStringLiteral("TMPDIR"), QString::fromStdString(config.path.string()) } });
-    ASSERT_TRUE(program.started);
-    ASSERT_TRUE(program.waitForLine(std::regex("restorePreviousState called, wasEnabled=false"), 10000));
-    program.signal(SIGINT);
-    ASSERT_TRUE(program.finish(10000));
-    EXPECT_EQ(program.process.exitCode(), 0);
-    EXPECT_NE(program.indexOf("[sorva] received SIGINT — stopping processing"), std::string::npos);
-    for (const auto& line : program.lines)
+    auto result = run({ "--simulate" }, { { "SORVA_AUTOSTART", "true" } },
+                      std::regex("restorePreviousState called, wasEnabled=false"), SIGINT);
+    expectCleanStop(result, "SIGINT");
+    for (const auto& line : result.lines)
         EXPECT_EQ(line.find("processor started"), std::string::npos) << line;
 }
 
 TEST(HeadlessProgram, SaysSoAndExitsWhenNoPipeWireSessionIsReachable)
 {
-    sorva::testing::qtApp();
-    sorva::testing::ConfigHome config;
-    HeadlessProgram program({ QStringLiteral("--headless") },
-                            { { QStringLiteral("XDG_RUNTIME_DIR"), QString::fromStdString(config.path.string()) },
-                              { QStringLiteral("TMPDIR"), QString::fromStdString(config.path.string()) } },
-                            { QStringLiteral("PIPEWIRE_REMOTE"), QStringLiteral("PIPEWIRE_RUNTIME_DIR") });
-    ASSERT_TRUE(program.started);
-    ASSERT_TRUE(program.finish(10000));
-    EXPECT_EQ(program.process.exitCode(), 1);
-    bool told = false;
-    for (const auto& line : program.lines)
-        told = told || line.rfind("sorva: no PipeWire session is reachable (looked in " + config.path.string(), 0) == 0;
-    EXPECT_TRUE(told) << (program.lines.empty() ? "(nothing)" : program.lines.back());
+    auto result = run({ "--headless" },
+                      { { "XDG_RUNTIME_DIR", "$HOME" }, { "PIPEWIRE_REMOTE", "" }, { "PIPEWIRE_RUNTIME_DIR", "" } },
+                      {});
+    EXPECT_EQ(result.exitCode, 1);
+    ASSERT_FALSE(result.lines.empty());
+    auto folders = (std::filesystem::temp_directory_path() / "sorva-config-").string();
+    EXPECT_EQ(result.lines.back().rfind("sorva: no PipeWire session is reachable (looked in " + folders, 0), 0u)
+        << result.lines.back();
 }
 
 } // namespace sorva
