@@ -80,6 +80,8 @@ int runHeadless(int argc, char** argv, const HeadlessOptions& options)
         std::string problem;
         environment = EQController::productionEnvironment(&problem);
         if (!environment.hardware) {
+            // The backend's own log line comes first, the verdict last.
+            EQLog::flush();
             std::fprintf(stderr, "sorva: %s\n", problem.c_str());
             return 1;
         }
