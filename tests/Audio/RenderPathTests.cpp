@@ -1,14 +1,15 @@
 // The single-device render path driven directly, one block at a time, with
 // blocks owned by the test so that the gate, statistics and recorder can be
-// inspected.
+// inspected, against reference blocks run by hand.
 #include "Audio/SystemEQProcessor.h"
+#include "EngineTestSupport.h"
 #include "Models/EQConfig.h"
 #include "Platform/ManualMainExecutor.h"
 
 #include <gtest/gtest.h>
 
 #include <cmath>
-#include <cstring>
+#include <cstdio>
 #include <limits>
 #include <random>
 
@@ -16,77 +17,70 @@ using namespace sorva;
 
 namespace {
 
-std::vector<EQBand> shapedBands()
-{
-    return { EQBand("Bass", 30, 6), EQBand("Low-Mid", 125, -3), EQBand("Mid", 500, 4), EQBand("High-Mid", 2000, -2),
-             EQBand("Treble", 8000, 5) };
-}
-
-// The blocks an engine owns, and an identical reference set that the test
-// runs by hand in the order the render path must use.
-struct Blocks {
-    explicit Blocks(ManualMainExecutor& executor)
-        : eq(5, 2)
-        , recorder(12.0, 2, 48000.0, executor)
-    {
-    }
-    BiquadEQ eq;
-    RenderTiming timing;
-    StreamStats stats;
-    FadeRamp fade;
-    SilenceGate gate;
-    DiagnosticRecorder recorder;
-    SpectrumAnalyzer spectrum;
-};
-
 struct RenderPath : ::testing::Test {
     RenderPath()
-        : blocks(executor)
-        , scratch(SystemEQProcessor::diagnosticScratchCapacity, 0.0f)
     {
-        blocks.eq.update(shapedBands(), -1.0, 48000.0);
-        referenceEQ.update(shapedBands(), -1.0, 48000.0);
+        const std::vector<EQBand> bands { EQBand("Bass", 30, 6), EQBand("Low-Mid", 125, -3), EQBand("Mid", 500, 4),
+                                          EQBand("High-Mid", 2000, -2), EQBand("Treble", 8000, 5) };
+        eq.update(bands, -1.0, 48000.0);
+        referenceEQ.update(bands, -1.0, 48000.0);
         useContextRate(48000.0);
     }
 
     // A new context (as a new start builds) whose gate limit is one second at rate.
     void useContextRate(double rate)
     {
-        context.reset(new SystemEQProcessor::IOCycleContext { {}, blocks.stats,
-                                                              SystemEQProcessor::diagnosticScratchCapacity,
-                                                              scratch.data(), blocks.gate, rate, blocks.eq,
-                                                              blocks.recorder, blocks.timing, blocks.fade,
-                                                              blocks.spectrum });
+        context.reset(new SystemEQProcessor::IOCycleContext { {}, stats, SystemEQProcessor::diagnosticScratchCapacity,
+                                                              scratch.data(), gate, rate, eq, recorder, timing, fade,
+                                                              spectrum });
     }
 
     void startFades(int64_t frames)
     {
-        blocks.fade.start(frames, 1.0f);
+        fade.start(frames, 1.0f);
         referenceFade.start(frames, 1.0f);
     }
 
-    // Runs one cycle with buffer 0 of each list as given.
     void cycle(std::vector<float>& in, uint32_t inCh, std::vector<float>& out, uint32_t outCh)
     {
-        AudioBuffer inBuffer { inCh, static_cast<uint32_t>(in.size() * sizeof(float)), in.data() };
-        AudioBuffer outBuffer { outCh, static_cast<uint32_t>(out.size() * sizeof(float)), out.data() };
-        AudioBufferList inList { 1, &inBuffer };
-        AudioBufferList outList { 1, &outBuffer };
-        SystemEQProcessor::processIOCycle(*context, &inList, &outList);
+        OneBuffer input(in, inCh), output(out, outCh);
+        SystemEQProcessor::processIOCycle(*context, &input.list, &output.list);
     }
 
-    // What the output must hold: the copied input, equalized and faded by the
-    // reference blocks.
-    std::vector<float> expected(const std::vector<float>& in, int64_t inCh, int64_t outCh, int64_t frames)
+    // The copied input (mono spread, extra channels dropped), equalized and
+    // faded by the reference blocks.
+    std::vector<float> expected(const std::vector<float>& in, int64_t inCh, int64_t outCh)
     {
+        const int64_t frames = static_cast<int64_t>(in.size()) / inCh;
         std::vector<float> copy(static_cast<size_t>(frames * outCh));
         for (int64_t f = 0; f < frames; ++f)
             for (int64_t c = 0; c < outCh; ++c)
-                copy[static_cast<size_t>(f * outCh + c)]
-                    = inCh == outCh ? in[static_cast<size_t>(f * inCh + c)] : in[static_cast<size_t>(f * inCh)];
+                copy[static_cast<size_t>(f * outCh + c)] = in[static_cast<size_t>(f * inCh + (inCh == outCh ? c : 0))];
+        for (float sample : copy)
+            copyPeak = std::max(copyPeak, std::fabs(sample));
         referenceEQ.processInterleaved(copy.data(), frames, outCh);
         referenceFade.apply(copy.data(), frames, outCh);
         return copy;
+    }
+
+    // Runs a block that must come out as the reference's.
+    std::vector<float> processed(std::vector<float> in, uint32_t inCh = 2, uint32_t outCh = 2)
+    {
+        const auto want = expected(in, inCh, outCh);
+        std::vector<float> out(in.size() / inCh * outCh, 9.0f);
+        cycle(in, inCh, out, outCh);
+        EXPECT_EQ(out, want);
+        EXPECT_FALSE(gate.isGated());
+        return out;
+    }
+
+    // Runs a silent stereo block that the gate must swallow.
+    void expectGated(int64_t frames)
+    {
+        std::vector<float> in(static_cast<size_t>(frames * 2), 0.0f), out(in.size(), 9.0f);
+        cycle(in, 2, out, 2);
+        EXPECT_TRUE(gate.isGated());
+        EXPECT_EQ(out, in);
     }
 
     std::vector<float> noise(int64_t samples, float amplitude = 0.3f)
@@ -99,274 +93,147 @@ struct RenderPath : ::testing::Test {
     }
 
     ManualMainExecutor executor;
-    Blocks blocks;
-    std::vector<float> scratch;
+    BiquadEQ eq { 5, 2 };
+    RenderTiming timing;
+    StreamStats stats;
+    FadeRamp fade;
+    SilenceGate gate;
+    DiagnosticRecorder recorder { 12.0, 2, 48000.0, executor };
+    SpectrumAnalyzer spectrum;
+    std::vector<float> scratch = std::vector<float>(SystemEQProcessor::diagnosticScratchCapacity);
     std::unique_ptr<SystemEQProcessor::IOCycleContext> context;
     BiquadEQ referenceEQ { 5, 2 };
     FadeRamp referenceFade;
     std::mt19937 random { 1234 };
+    float copyPeak = 0.0f;
 };
 
 } // namespace
 
 TEST_F(RenderPath, OutputIsTheEqualizedFadedCopyOfTheInputForEveryChannelLayout)
 {
-    startFades(7200);
-    struct Layout {
-        uint32_t inCh, outCh;
-    };
-    // Same block history through engine and reference, switching layouts
-    // mid-stream, with the fade-in still running for the first blocks.
-    const Layout layouts[] = { { 2, 2 }, { 1, 2 }, { 2, 1 }, { 2, 2 }, { 4, 2 }, { 1, 3 }, { 2, 2 } };
+    startFades(7200); // still fading in for the first blocks
+    const std::pair<uint32_t, uint32_t> layouts[] = { { 2, 2 }, { 1, 2 }, { 2, 1 }, { 2, 2 },
+                                                      { 4, 2 }, { 1, 3 }, { 2, 2 } };
     int64_t totalFrames = 0;
-    float inputPeak = 0.0f;
     for (int round = 0; round < 4; ++round) {
-        for (const Layout& layout : layouts) {
+        for (const auto& [inCh, outCh] : layouts) {
             const int64_t frames = 300 + 97 * round;
-            auto in = noise(frames * layout.inCh);
-            std::vector<float> out(static_cast<size_t>(frames * layout.outCh), 9.0f);
-            const auto want = expected(in, layout.inCh, layout.outCh, frames);
-            for (int64_t f = 0; f < frames; ++f)
-                inputPeak = std::max(inputPeak, std::fabs(in[static_cast<size_t>(f * layout.inCh)]));
-            if (layout.inCh == layout.outCh)
-                for (float sample : in)
-                    inputPeak = std::max(inputPeak, std::fabs(sample));
-            cycle(in, layout.inCh, out, layout.outCh);
-            ASSERT_EQ(out, want) << "round " << round << ", " << layout.inCh << " -> " << layout.outCh;
+            SCOPED_TRACE(std::to_string(inCh) + " -> " + std::to_string(outCh));
+            processed(noise(frames * inCh), inCh, outCh);
             totalFrames += frames;
         }
     }
-    // Statistics count the unprocessed copy.
-    const auto stats = blocks.stats.snapshot();
-    EXPECT_EQ(stats.frames, totalFrames);
-    EXPECT_EQ(stats.peak, inputPeak);
-    EXPECT_EQ(blocks.timing.snapshot().callbacks, 28);
+    const auto counted = stats.snapshot();
+    EXPECT_EQ(counted.frames, totalFrames);
+    EXPECT_EQ(counted.peak, copyPeak) << "statistics count the unprocessed copy";
+    EXPECT_EQ(timing.snapshot().callbacks, 28);
 }
 
-TEST_F(RenderPath, MonoIsSpreadAndExtraChannelsAreDropped)
+TEST_F(RenderPath, WritesOnlyTheCommonFramesOfBufferZeroAndEndsEarlyWithoutData)
 {
-    // Unity path (flat bands, 0 dB) so the copy itself is visible.
-    blocks.eq.update(EQConfig::defaultConfig().bands, 0.0, 48000.0);
-    std::vector<float> mono { 0.1f, -0.2f, 0.3f };
-    std::vector<float> stereoOut(6, 9.0f);
-    cycle(mono, 1, stereoOut, 2);
-    EXPECT_EQ(stereoOut, (std::vector<float> { 0.1f, 0.1f, -0.2f, -0.2f, 0.3f, 0.3f }));
-
-    std::vector<float> stereo { 0.1f, 0.5f, -0.2f, 0.6f };
-    std::vector<float> monoOut(2, 9.0f);
-    cycle(stereo, 2, monoOut, 1);
-    EXPECT_EQ(monoOut, (std::vector<float> { 0.1f, -0.2f }));
-}
-
-TEST_F(RenderPath, WritesOnlyTheCommonFramesOfBufferZero)
-{
-    blocks.eq.update(EQConfig::defaultConfig().bands, 0.0, 48000.0);
-    // Input shorter than output: the tail of the output stays as handed in.
-    std::vector<float> in { 0.1f, 0.2f, 0.3f, 0.4f };
-    std::vector<float> out(10, 9.0f);
-    std::vector<float> second(4, 7.0f);
+    eq.update(EQConfig::defaultConfig().bands, 0.0, 48000.0); // unity: the copy itself is visible
+    std::vector<float> in { 0.1f, 0.2f, 0.3f, 0.4f }, out(10, 9.0f), second(4, 7.0f);
     AudioBuffer inBuffers[2] = { { 2, 16, in.data() }, { 2, 16, second.data() } };
     AudioBuffer outBuffers[2] = { { 2, 40, out.data() }, { 2, 16, second.data() } };
-    AudioBufferList inList { 2, inBuffers };
-    AudioBufferList outList { 2, outBuffers };
+    AudioBufferList inList { 2, inBuffers }, outList { 2, outBuffers };
     SystemEQProcessor::processIOCycle(*context, &inList, &outList);
     EXPECT_EQ(out, (std::vector<float> { 0.1f, 0.2f, 0.3f, 0.4f, 9, 9, 9, 9, 9, 9 }));
     EXPECT_EQ(second, std::vector<float>(4, 7.0f)) << "later buffers are neither read nor written";
-
-    // Output shorter than input: only the output's frames.
-    std::vector<float> longIn { 0.1f, 0.2f, 0.3f, 0.4f, 0.5f, 0.6f };
-    std::vector<float> shortOut(2, 9.0f);
+    std::vector<float> longIn { 0.1f, 0.2f, 0.3f, 0.4f, 0.5f, 0.6f }, shortOut(2, 9.0f);
     cycle(longIn, 2, shortOut, 2);
     EXPECT_EQ(shortOut, (std::vector<float> { 0.1f, 0.2f }));
-    EXPECT_EQ(blocks.stats.snapshot().frames, 3);
-}
+    EXPECT_EQ(stats.snapshot().frames, 3);
+    timing.snapshot();
 
-TEST_F(RenderPath, EndsEarlyOnMissingBuffersOrData)
-{
-    std::vector<float> in(8, 0.5f);
-    std::vector<float> out(8, 9.0f);
-    AudioBuffer inBuffer { 2, 32, in.data() };
-    AudioBuffer outBuffer { 2, 32, out.data() };
-    AudioBufferList inList { 1, &inBuffer };
-    AudioBufferList outList { 1, &outBuffer };
-    AudioBufferList empty { 0, nullptr };
-    SystemEQProcessor::processIOCycle(*context, &empty, &outList);
-    EXPECT_FALSE(context->layoutLog.hasFired()) << "no buffers: not even the layout line";
-    AudioBuffer nullData { 2, 32, nullptr };
-    AudioBufferList nullList { 1, &nullData };
-    SystemEQProcessor::processIOCycle(*context, &inList, &nullList);
-    SystemEQProcessor::processIOCycle(*context, &nullList, &outList);
-    AudioBuffer zeroBytes { 2, 0, out.data() };
-    AudioBufferList zeroList { 1, &zeroBytes };
-    SystemEQProcessor::processIOCycle(*context, &inList, &zeroList);
-    EXPECT_TRUE(context->layoutLog.hasFired());
+    // No buffers, no data or no bytes: nothing written, counted or timed.
+    out.assign(8, 9.0f);
+    OneBuffer valid(out, 2);
+    AudioBuffer nullData { 2, 32, nullptr }, zeroBytes { 2, 0, out.data() };
+    AudioBufferList empty { 0, nullptr }, nullList { 1, &nullData }, zeroList { 1, &zeroBytes };
+    for (auto [input, output] : { std::pair { &empty, &valid.list }, { &valid.list, &nullList },
+                                  { &nullList, &valid.list }, { &valid.list, &zeroList } })
+        SystemEQProcessor::processIOCycle(*context, input, output);
     EXPECT_EQ(out, std::vector<float>(8, 9.0f));
-    EXPECT_EQ(blocks.stats.snapshot().frames, 0);
-    EXPECT_EQ(blocks.timing.snapshot().callbacks, 0) << "early ends are not timed";
+    EXPECT_EQ(stats.snapshot().frames, 0);
+    EXPECT_EQ(timing.snapshot().callbacks, 0);
 }
 
 TEST_F(RenderPath, GateClosesOnTheBlockThatReachesOneSecondOfZerosAndReopensOnAnyNonZeroSample)
 {
-    startFades(0); // fade-in of 0 frames: unity from the start
-    // Sound first, so that the filters and limiter carry state into the silence.
-    for (int block = 0; block < 10; ++block) {
-        auto in = noise(480 * 2, 0.8f);
-        std::vector<float> out(in.size());
-        const auto want = expected(in, 2, 2, 480);
-        cycle(in, 2, out, 2);
-        ASSERT_EQ(out, want);
-    }
+    startFades(0);
+    for (int block = 0; block < 10; ++block) // sound first: the filters carry state into the silence
+        processed(noise(480 * 2, 0.8f));
     const std::vector<float> zeros(480 * 2, 0.0f);
-    // 99 blocks of 480 zeros = 47520 frames: still processed (tails ring out).
     bool tailHeard = false;
-    for (int block = 0; block < 99; ++block) {
-        auto in = zeros;
-        std::vector<float> out(in.size(), 9.0f);
-        const auto want = expected(in, 2, 2, 480);
-        cycle(in, 2, out, 2);
-        ASSERT_EQ(out, want) << "silent block " << block;
-        ASSERT_FALSE(blocks.gate.isGated()) << "silent block " << block;
-        tailHeard = tailHeard || out != zeros;
-    }
+    for (int block = 0; block < 99; ++block) // 47520 frames: still processed, the tails ring out
+        tailHeard = processed(zeros) != zeros || tailHeard;
     EXPECT_TRUE(tailHeard);
-    // The 100th reaches 48000 frames: gated, zeros written, filters cleared.
-    auto in = zeros;
-    std::vector<float> out(in.size(), 9.0f);
-    cycle(in, 2, out, 2);
-    EXPECT_TRUE(blocks.gate.isGated());
-    EXPECT_EQ(out, zeros);
-    // Further silence stays gated (the count saturates at the limit).
-    for (int block = 0; block < 150; ++block) {
-        in = zeros;
-        out.assign(in.size(), 9.0f);
-        cycle(in, 2, out, 2);
-        ASSERT_EQ(out, zeros);
-    }
-    EXPECT_TRUE(blocks.gate.isGated());
-
-    // One tiny negative sample reopens at once, processed from cleared state.
-    in = zeros;
-    in[1] = -1e-30f;
-    out.assign(in.size(), 9.0f);
-    referenceEQ.reset();
-    const auto want = expected(in, 2, 2, 480);
-    cycle(in, 2, out, 2);
-    EXPECT_FALSE(blocks.gate.isGated());
-    EXPECT_EQ(out, want);
+    for (int block = 0; block < 150; ++block) // the 100th reaches 48000 frames; the count saturates
+        expectGated(480);
+    referenceEQ.reset(); // gating cleared the filters
+    auto tiny = zeros;
+    tiny[1] = -1e-30f;
+    processed(tiny);
 }
 
 TEST_F(RenderPath, GatedBlocksNeitherAdvanceTheFadeNorFeedTheSpectrum)
 {
     useContextRate(1000.0); // the gate closes after 1000 silent frames
-    startFades(1000000);
+    startFades(4000); // still ramping, but loud enough for the spectrum
     SpectrumAnalyzer referenceSpectrum;
-    auto runProcessed = [&](std::vector<float> in, int64_t frames) {
-        std::vector<float> out(in.size());
-        const auto want = expected(in, 2, 2, frames);
-        referenceSpectrum.push(want.data(), frames, 2);
-        cycle(in, 2, out, 2);
-        ASSERT_EQ(out, want);
-        ASSERT_FALSE(blocks.gate.isGated());
-    };
-    runProcessed(noise(1024 * 2, 0.8f), 1024);
-    runProcessed(std::vector<float>(512 * 2, 0.0f), 512);
-    for (int block = 0; block < 3; ++block) { // 512 + 512 reaches 1000: gated from here on
-        std::vector<float> in(512 * 2, 0.0f);
-        std::vector<float> out(in.size(), 9.0f);
-        cycle(in, 2, out, 2);
-        ASSERT_TRUE(blocks.gate.isGated());
-        ASSERT_EQ(out, in);
-    }
-    EXPECT_EQ(blocks.spectrum.levels(), referenceSpectrum.levels());
-    // The fade stands where the reference's does (1536 frames in), so sound
-    // after the gate continues the same ramp.
+    auto feed = [&](std::vector<float> in) { referenceSpectrum.push(processed(in).data(), int64_t(in.size() / 2), 2); };
+    feed(noise(1024 * 2, 0.8f));
+    feed(std::vector<float>(512 * 2, 0.0f));
+    for (int block = 0; block < 3; ++block) // 512 + 512 reaches 1000
+        expectGated(512);
+    EXPECT_EQ(spectrum.levels(), referenceSpectrum.levels());
     referenceEQ.reset();
-    runProcessed(noise(512 * 2), 512);
-    EXPECT_EQ(blocks.spectrum.levels(), referenceSpectrum.levels());
+    feed(noise(512 * 2)); // the ramp continues where it stood
+    EXPECT_EQ(spectrum.levels(), referenceSpectrum.levels());
 }
 
-TEST_F(RenderPath, NaNBlocksAreNotSilent)
+TEST_F(RenderPath, NaNRestartsTheSilenceCountAndAnOutputWithoutChannelsCountsAsSilence)
 {
-    const std::vector<float> zeros(480 * 2, 0.0f);
-    auto run = [&](std::vector<float> in) {
-        std::vector<float> out(in.size());
-        cycle(in, 2, out, 2);
+    std::vector<float> out;
+    auto gatedAfter = [&](float value, uint32_t outCh) {
+        std::vector<float> in(480 * 2, value);
+        out.assign(480 * 2, 9.0f);
+        cycle(in, 2, out, outCh);
+        return gate.isGated();
     };
     for (int block = 0; block < 99; ++block)
-        run(zeros);
-    EXPECT_FALSE(blocks.gate.isGated());
-    run(std::vector<float>(480 * 2, std::numeric_limits<float>::quiet_NaN()));
-    EXPECT_FALSE(blocks.gate.isGated());
-    // The NaN block restarted the count: another 99 silent blocks are not enough.
-    for (int block = 0; block < 99; ++block)
-        run(zeros);
-    EXPECT_FALSE(blocks.gate.isGated());
-    run(zeros);
-    EXPECT_TRUE(blocks.gate.isGated());
-}
-
-TEST_F(RenderPath, OutputWithoutChannelsCountsAsSilenceAndIsNeverCaptured)
-{
-    std::vector<float> in(512 * 2, 0.5f);
-    std::vector<float> out(512, 9.0f); // 2048 bytes, 0 channels: 512 "frames" of nothing
-    for (int block = 0; block < 93; ++block) // 93 x 512 = 47616 frames
-        cycle(in, 2, out, 0);
-    EXPECT_FALSE(blocks.gate.isGated());
-    cycle(in, 2, out, 0);
-    EXPECT_TRUE(blocks.gate.isGated()) << "count 0 is silent: 94 x 512 frames pass one second";
-    EXPECT_EQ(out, std::vector<float>(512, 9.0f));
-    const auto stats = blocks.stats.snapshot();
-    EXPECT_EQ(stats.frames, 94 * 512);
-    EXPECT_EQ(stats.peak, 0.0f);
-    EXPECT_FALSE(blocks.recorder.markEvent("probe", ::testing::TempDir() + "render-path-none", ""))
-        << "nothing was pushed to the recorder";
+        gatedAfter(0.0f, 2);
+    EXPECT_FALSE(gatedAfter(std::numeric_limits<float>::quiet_NaN(), 2));
+    stats.snapshot();
+    for (int block = 0; block < 99; ++block) // loud input, but no channel to play it on
+        ASSERT_FALSE(gatedAfter(0.5f, 0));
+    EXPECT_TRUE(gatedAfter(0.5f, 0));
+    EXPECT_EQ(out, std::vector<float>(480 * 2, 9.0f));
+    const auto counted = stats.snapshot();
+    EXPECT_EQ(counted.frames, 100 * 480);
+    EXPECT_EQ(counted.peak, 0.0f);
 }
 
 TEST_F(RenderPath, RecorderGetsRawAndProcessedStereoBlocksUpToTheScratchSize)
 {
     startFades(0);
-    auto in = noise(8192 * 2);
-    std::vector<float> out(in.size());
-    const auto want = expected(in, 2, 2, 8192);
-    cycle(in, 2, out, 2);
-    ASSERT_EQ(out, want);
-    // One frame more than the scratch holds: processed, not captured.
-    auto big = noise(8193 * 2);
-    std::vector<float> bigOut(big.size());
-    const auto bigWant = expected(big, 2, 2, 8193);
-    cycle(big, 2, bigOut, 2);
-    ASSERT_EQ(bigOut, bigWant);
+    const auto in = noise(8192 * 2);
+    const auto out = processed(in);
+    processed(noise(8193 * 2)); // one frame more than the scratch holds: processed, not captured
 
     const std::string folder = ::testing::TempDir() + "render-path-capture-" + std::to_string(::getpid());
-    const auto files = blocks.recorder.markEvent("probe", folder, "");
+    const auto files = recorder.markEvent("probe", folder, "");
     ASSERT_TRUE(files);
-    auto readSamples = [](const std::filesystem::path& file) {
-        std::vector<float> samples(std::filesystem::file_size(file) / 4 - 11);
+    auto samples = [](const std::filesystem::path& file) {
+        std::vector<float> read(std::filesystem::file_size(file) / 4 - 11); // after the 44-byte header
         FILE* handle = std::fopen(file.c_str(), "rb");
         std::fseek(handle, 44, SEEK_SET);
-        EXPECT_EQ(std::fread(samples.data(), 4, samples.size(), handle), samples.size());
+        EXPECT_EQ(std::fread(read.data(), 4, read.size(), handle), read.size());
         std::fclose(handle);
-        return samples;
+        return read;
     };
-    EXPECT_EQ(readSamples(files->raw), in);
-    EXPECT_EQ(readSamples(files->processed), out);
+    EXPECT_EQ(samples(files->raw), in);
+    EXPECT_EQ(samples(files->processed), out);
     std::filesystem::remove_all(folder);
-}
-
-TEST_F(RenderPath, LogsTheLayoutOncePerContext)
-{
-    std::mutex linesLock;
-    std::vector<std::string> lines;
-    EQLog::setObserver([&](const std::string& line) {
-        std::lock_guard guard(linesLock);
-        lines.push_back(line);
-    });
-    std::vector<float> in(512 * 2, 0.1f);
-    std::vector<float> out(512 * 2);
-    for (int block = 0; block < 3; ++block)
-        cycle(in, 2, out, 2);
-    EQLog::setObserver({});
-    std::lock_guard guard(linesLock);
-    ASSERT_EQ(lines.size(), 1u);
-    EXPECT_EQ(lines[0], "IOProc layout — in 1 buf / 2 ch / 4096 B, out 1 buf / 2 ch / 4096 B");
 }

@@ -7,7 +7,6 @@
 #include <algorithm>
 #include <cmath>
 #include <numbers>
-#include <utility>
 #include <vector>
 
 using namespace sorva;
@@ -16,170 +15,123 @@ namespace {
 
 constexpr int N = 1024;
 
-std::vector<float> sineOnBin(double bin, double amplitude, int length = N)
+std::vector<float> sineOnBin(double bin, double amplitude)
 {
-    std::vector<float> samples(static_cast<size_t>(length));
-    for (int n = 0; n < length; ++n)
-        samples[static_cast<size_t>(n)] = static_cast<float>(amplitude * std::sin(2.0 * std::numbers::pi * bin * n / N));
+    std::vector<float> samples(N);
+    for (int n = 0; n < N; ++n)
+        samples[size_t(n)] = float(amplitude * std::sin(2.0 * std::numbers::pi * bin * n / N));
     return samples;
 }
 
-void pushMono(SpectrumAnalyzer& analyzer, const std::vector<float>& samples)
+SpectrumAnalyzer::Levels levelsAfterPushing(SpectrumAnalyzer& analyzer, const std::vector<float>& mono)
 {
-    analyzer.push(samples.data(), static_cast<int64_t>(samples.size()), 1);
+    analyzer.push(mono.data(), int64_t(mono.size()), 1);
+    return analyzer.levels();
 }
 
-// The bar level of a sine of this amplitude centred on a bin, from first
-// principles: a bin-centred sine's plain transform peak is amplitude × Σw / 2,
-// Σw of the normalised Hann window is √(2/3) × N, the bar scale is twice the
-// transform / 256, and -50 … +10 dB map onto 0 … 1.
-double expectedSineLevel(double amplitude)
+// Bar level of a plain-transform peak of this height: twice it / 256 in dB,
+// -50 … +10 dB mapped onto 0 … 1.
+double barLevel(double peak)
 {
-    const double peak = 2.0 * amplitude * std::sqrt(2.0 / 3.0) * N / 2.0 / 256.0;
-    const double decibels = 20.0 * std::log10(peak);
-    return std::clamp((decibels + 50.0) / 60.0, 0.0, 1.0);
+    return std::clamp((20.0 * std::log10(std::max(2.0 * peak / 256.0, 1e-7)) + 50.0) / 60.0, 0.0, 1.0);
 }
+
+// A bin-centred sine peaks at amplitude × Σw / 2; Σw of the normalised Hann window is √(2/3) N.
+double sineLevel(double amplitude) { return barLevel(amplitude * std::sqrt(2.0 / 3.0) * N / 2.0); }
 
 } // namespace
 
-TEST(SpectrumAnalyzer, BinCentredSineLightsOnlyBand11AtItsDecibelLevel)
+TEST(SpectrumAnalyzer, BinCentredSineLightsBand11RisingQuicklyAndFallingSlowly)
 {
-    // Full scale reads about +10.3 dB and is clamped to the top of the bar.
-    SpectrumAnalyzer loud;
-    pushMono(loud, sineOnBin(100, 1.0));
+    SpectrumAnalyzer loud, quiet;
+    // Full scale reads about +10.3 dB, clamped to 1; the bar rises 60 % of the way per call.
+    const std::vector<float> full = sineOnBin(100, 1.0);
+    loud.push(full.data(), N, 1);
+    for (float expected : { 0.6f, 0.84f, 0.936f })
+        EXPECT_NEAR(loud.levels()[11], expected, 1e-6);
     SpectrumAnalyzer::Levels levels {};
     for (int call = 0; call < 40; ++call)
         levels = loud.levels();
-    for (int band = 0; band < 16; ++band)
-        EXPECT_FLOAT_EQ(levels[static_cast<size_t>(band)], band == 11 ? 1.0f : 0.0f) << "band " << band;
+    for (size_t band = 0; band < 16; ++band)
+        EXPECT_FLOAT_EQ(levels[band], band == 11 ? 1.0f : 0.0f) << "band " << band;
+    // Silence reads level 0: every bar keeps 82 % per call.
+    float expected = 1.0f;
+    const std::vector<float> silence(N, 0.0f);
+    loud.push(silence.data(), N, 1);
+    for (int call = 0; call < 5; ++call)
+        EXPECT_NEAR(loud.levels()[11], expected *= 0.82f, 1e-6) << "call " << call;
 
-    // A tenth of full scale reads about -9.7 dB: level ≈ 0.671.
-    SpectrumAnalyzer quiet;
-    pushMono(quiet, sineOnBin(100, 0.1));
-    const double target = expectedSineLevel(0.1);
-    EXPECT_NEAR(target, 0.671, 0.001);
-    EXPECT_NEAR(quiet.levels()[11], 0.6 * target, 1e-4); // first call rises 60 % of the way
+    // A tenth of full scale reads about -9.7 dB.
+    EXPECT_NEAR(sineLevel(0.1), 0.671, 0.001);
+    EXPECT_NEAR(levelsAfterPushing(quiet, sineOnBin(100, 0.1))[11], 0.6 * sineLevel(0.1), 1e-4);
     for (int call = 0; call < 40; ++call)
         levels = quiet.levels();
-    EXPECT_NEAR(levels[11], target, 1e-4);
-    EXPECT_EQ(levels[10], 0.0f);
-    EXPECT_EQ(levels[12], 0.0f);
-}
-
-TEST(SpectrumAnalyzer, BarsRiseQuicklyAndFallSlowly)
-{
-    SpectrumAnalyzer analyzer;
-    pushMono(analyzer, sineOnBin(100, 1.0));
-    EXPECT_NEAR(analyzer.levels()[11], 0.6f, 1e-6);
-    EXPECT_NEAR(analyzer.levels()[11], 0.84f, 1e-6);
-    EXPECT_NEAR(analyzer.levels()[11], 0.936f, 1e-6);
-    for (int call = 0; call < 40; ++call)
-        analyzer.levels();
-
-    // Silence reads -140 dB, level 0: every bar keeps 82 % per call.
-    pushMono(analyzer, std::vector<float>(N, 0.0f));
-    float expected = 1.0f;
-    for (int call = 0; call < 5; ++call) {
-        expected *= 0.82f; // 0.82, 0.6724, 0.5514, …
-        const auto levels = analyzer.levels();
-        EXPECT_NEAR(levels[11], expected, 1e-6) << "call " << call;
-        EXPECT_EQ(levels[3], 0.0f);
-    }
+    EXPECT_NEAR(levels[11], sineLevel(0.1), 1e-4);
+    EXPECT_EQ(levels[10] + levels[12], 0.0f);
 }
 
 TEST(SpectrumAnalyzer, BandsCoverTheLogarithmicBinRanges)
 {
-    const std::pair<int, int> table[16] = { { 1, 1 },    { 1, 1 },    { 2, 2 },     { 3, 3 },
-                                            { 4, 6 },    { 7, 9 },    { 10, 14 },   { 15, 21 },
-                                            { 22, 32 },  { 33, 48 },  { 49, 71 },   { 72, 106 },
-                                            { 107, 157 }, { 158, 233 }, { 234, 345 }, { 346, 510 } };
+    const int low[16] = { 1, 1, 2, 3, 4, 7, 10, 15, 22, 33, 49, 72, 107, 158, 234, 346 };
+    const int high[16] = { 1, 1, 2, 3, 6, 9, 14, 21, 32, 48, 71, 106, 157, 233, 345, 510 };
     for (int band = 0; band < 16; ++band) {
-        EXPECT_EQ(SpectrumAnalyzer::bandLowBin(band), table[band].first) << "band " << band;
-        EXPECT_EQ(SpectrumAnalyzer::bandHighBin(band), table[band].second + 1) << "band " << band;
+        EXPECT_EQ(SpectrumAnalyzer::bandLowBin(band), low[band]) << "band " << band;
+        EXPECT_EQ(SpectrumAnalyzer::bandHighBin(band), high[band] + 1) << "band " << band;
     }
-
-    // Through the whole analysis: a sine just above -50 dB on one bin lights
-    // exactly the bands whose range holds that bin (its neighbours, 6 dB
-    // lower, stay below the floor). Bin 511 belongs to no band.
-    const double amplitude = std::pow(10.0, (-47.0 - 20.0 * std::log10(2.0 * std::sqrt(2.0 / 3.0) * N / 2.0 / 256.0)) / 20.0);
+    // Through the whole analysis: a sine at -47 dB on one bin lights exactly
+    // the bands holding that bin (its neighbours, 6 dB lower, stay below the
+    // floor). Bin 511 belongs to no band.
+    const double amplitude = std::pow(10.0, -47.0 / 20.0) / (2.0 * std::sqrt(2.0 / 3.0) * N / 2.0 / 256.0);
     for (int bin : { 1, 2, 3, 4, 6, 7, 9, 10, 14, 15, 21, 22, 32, 33, 48, 49, 71, 72, 106, 107, 157, 158, 233, 234,
                      345, 346, 400, 510, 511 }) {
         SpectrumAnalyzer analyzer;
-        pushMono(analyzer, sineOnBin(bin, amplitude));
-        const auto levels = analyzer.levels();
+        const auto levels = levelsAfterPushing(analyzer, sineOnBin(bin, amplitude));
         for (int band = 0; band < 16; ++band) {
-            const bool inBand = bin >= table[band].first && bin <= table[band].second;
-            if (inBand)
-                EXPECT_NEAR(levels[static_cast<size_t>(band)], 0.6 * 3.0 / 60.0, 1e-3) << "bin " << bin << " band " << band;
-            else
-                EXPECT_EQ(levels[static_cast<size_t>(band)], 0.0f) << "bin " << bin << " band " << band;
+            const bool inBand = bin >= low[band] && bin <= high[band];
+            EXPECT_NEAR(levels[size_t(band)], inBand ? 0.6 * 3.0 / 60.0 : 0.0, inBand ? 1e-3 : 0.0) << "bin " << bin;
         }
     }
 }
 
 TEST(SpectrumAnalyzer, AnalysesTheNewest1024SamplesOldestFirst)
 {
-    // An impulse has a flat spectrum whose height is the window's value at
-    // the impulse's place in the analysed block, so every bar tells where the
-    // block starts and in which order it was read.
-    const auto windowAt = [](int n) { return std::sqrt(2.0 / 3.0) * (1.0 - std::cos(2.0 * std::numbers::pi * n / N)); };
-    const auto impulseLevel = [](double height) {
-        return std::clamp((20.0 * std::log10(std::max(2.0 * height / 256.0, 1e-7)) + 50.0) / 60.0, 0.0, 1.0);
-    };
-
+    // An impulse's flat spectrum is as high as the window where it sits, so
+    // every bar tells where the analysed block starts and which way it runs.
     for (int position : { -1, 0, 200, 512 }) {
         // 1324 samples in blocks of 97: the oldest 300 fall out of the ring.
         std::vector<float> stream(N + 300, 0.0f);
-        stream[static_cast<size_t>(300 + position)] = 1.0f;
+        stream[size_t(300 + position)] = 1.0f;
         SpectrumAnalyzer analyzer;
         for (size_t start = 0; start < stream.size(); start += 97)
-            analyzer.push(stream.data() + start, static_cast<int64_t>(std::min<size_t>(97, stream.size() - start)), 1);
-        const double expected = position < 0 ? 0.0 : 0.6 * impulseLevel(windowAt(position));
-        const auto levels = analyzer.levels();
-        for (int band = 0; band < 16; ++band)
-            EXPECT_NEAR(levels[static_cast<size_t>(band)], expected, 1e-5) << "position " << position << " band " << band;
+            analyzer.push(stream.data() + start, int64_t(std::min<size_t>(97, stream.size() - start)), 1);
+        const double window = std::sqrt(2.0 / 3.0) * (1.0 - std::cos(2.0 * std::numbers::pi * position / N));
+        const double expected = position < 0 ? 0.0 : 0.6 * barLevel(window);
+        for (float level : analyzer.levels())
+            EXPECT_NEAR(level, expected, 1e-5) << "position " << position;
     }
-    EXPECT_GT(0.6 * impulseLevel(windowAt(200)), 0.02); // the positions give distinct bars
+    EXPECT_GT(0.6 * barLevel(std::sqrt(2.0 / 3.0) * (1.0 - std::cos(2.0 * std::numbers::pi * 200 / N))), 0.02);
 }
 
-TEST(SpectrumAnalyzer, MixesChannelsToMono)
+TEST(SpectrumAnalyzer, MixesChannelsToMonoAndAllocatesNothing)
 {
     const std::vector<float> sine = sineOnBin(100, 0.1);
-    std::vector<float> leftOnly(2 * N, 0.0f);
-    std::vector<float> threeChannels(3 * N, 0.0f);
-    std::vector<float> inverted(N);
-    for (int n = 0; n < N; ++n) {
-        leftOnly[static_cast<size_t>(2 * n)] = sine[static_cast<size_t>(n)];
-        for (int c = 0; c < 3; ++c)
-            threeChannels[static_cast<size_t>(3 * n + c)] = sine[static_cast<size_t>(n)];
-        inverted[static_cast<size_t>(n)] = -sine[static_cast<size_t>(n)];
+    std::vector<float> leftOnly(2 * N, 0.0f), three(3 * N), inverted(N);
+    for (size_t n = 0; n < N; ++n) {
+        leftOnly[2 * n] = three[3 * n] = three[3 * n + 1] = three[3 * n + 2] = sine[n];
+        inverted[n] = -sine[n];
     }
-
-    SpectrumAnalyzer interleaved;
-    interleaved.push(leftOnly.data(), N, 2); // mono = half the left channel
-    EXPECT_NEAR(interleaved.levels()[11], 0.6 * expectedSineLevel(0.05), 1e-4);
-
-    SpectrumAnalyzer three;
-    three.push(threeChannels.data(), N, 3);
-    EXPECT_NEAR(three.levels()[11], 0.6 * expectedSineLevel(0.1), 1e-4);
-
-    SpectrumAnalyzer planar;
-    planar.pushPlanar(sine.data(), sine.data(), N);
-    EXPECT_NEAR(planar.levels()[11], 0.6 * expectedSineLevel(0.1), 1e-4);
-    planar.pushPlanar(sine.data(), inverted.data(), N); // cancels
-    EXPECT_NEAR(planar.levels()[11], 0.6 * expectedSineLevel(0.1) * 0.82, 1e-4);
-}
-
-TEST(SpectrumAnalyzer, PushAndLevelsAllocateNothing)
-{
-    SpectrumAnalyzer analyzer;
-    const std::vector<float> stereo(2 * 4096, 0.25f);
-    SpectrumAnalyzer::Levels levels {};
+    SpectrumAnalyzer interleaved, threeChannels, planar;
     EXPECT_EQ(test::allocationsDuring([&] {
-                  analyzer.push(stereo.data(), 4096, 2);
-                  analyzer.pushPlanar(stereo.data(), stereo.data() + 4096, 4096);
-                  levels = analyzer.levels();
+                  interleaved.push(leftOnly.data(), N, 2); // half the left channel
+                  threeChannels.push(three.data(), N, 3);
+                  planar.pushPlanar(sine.data(), sine.data(), N);
               }),
               0u);
-    EXPECT_GT(levels[0], 0.0f); // the constant reached the lowest bars through leakage of DC
+    SpectrumAnalyzer::Levels levels {};
+    EXPECT_EQ(test::allocationsDuring([&] { levels = interleaved.levels(); }), 0u);
+    EXPECT_NEAR(levels[11], 0.6 * sineLevel(0.05), 1e-4);
+    EXPECT_NEAR(threeChannels.levels()[11], 0.6 * sineLevel(0.1), 1e-4);
+    EXPECT_NEAR(planar.levels()[11], 0.6 * sineLevel(0.1), 1e-4);
+    planar.pushPlanar(sine.data(), inverted.data(), N); // cancels
+    EXPECT_NEAR(planar.levels()[11], 0.6 * sineLevel(0.1) * 0.82, 1e-4);
 }

@@ -13,15 +13,13 @@ using namespace sorva;
 TEST(StreamStats, SnapshotReturnsFramesAndPeakSinceTheLastOne)
 {
     StreamStats stats;
-    const float first[] = { 0.1f, -0.7f, 0.3f, 0.2f };
-    const float second[] = { 0.5f, std::numeric_limits<float>::quiet_NaN() };
+    const float first[] = { 0.1f, -0.7f, 0.3f, 0.2f }, second[] = { 0.5f, std::numeric_limits<float>::quiet_NaN() };
     stats.record(first, 4, 2);
     stats.record(second, 2, 1);
     stats.record(nullptr, 0, 0);
     auto snapshot = stats.snapshot();
     EXPECT_EQ(snapshot.frames, 3);
     EXPECT_EQ(snapshot.peak, 0.7f) << "the largest magnitude, NaN ignored";
-
     snapshot = stats.snapshot();
     EXPECT_EQ(snapshot.frames, 0);
     EXPECT_EQ(snapshot.peak, 0.0f);
@@ -33,21 +31,19 @@ TEST(StreamStats, NothingIsLostBetweenRecordAndSnapshotOnTwoThreads)
     std::atomic<bool> done { false };
     std::vector<float> block(1024, 0.25f);
     block[7] = -0.5f;
-    constexpr int blocks = 20000;
     std::thread audio([&] {
-        for (int i = 0; i < blocks; ++i)
+        for (int i = 0; i < 20000; ++i)
             stats.record(block.data(), 1024, 512);
         done.store(true);
     });
     int64_t frames = 0;
     float peak = 0;
     while (!done.load()) {
-        auto s = stats.snapshot();
+        const auto s = stats.snapshot();
         frames += s.frames;
         peak = std::max(peak, s.peak);
     }
     audio.join();
-    frames += stats.snapshot().frames;
-    EXPECT_EQ(frames, int64_t(blocks) * 512);
+    EXPECT_EQ(frames + stats.snapshot().frames, 20000 * 512);
     EXPECT_EQ(peak, 0.5f);
 }

@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdlib>
 #include <fstream>
 #include <string>
 #include <sys/stat.h>
@@ -33,61 +32,46 @@ mode_t modeOf(const std::filesystem::path& p)
 
 } // namespace
 
-TEST(TempDirectory, CreatesAPrivateFolderWhateverTheUmask)
+TEST(TempDirectory, CreatesOrTightensAPrivateFolderWhateverTheUmask)
 {
     for (mode_t mask : { mode_t(022), mode_t(0277) }) {
         Base base;
         const mode_t previous = ::umask(mask);
         std::string reason;
-        auto folder = preparePerUserDirectory(base.path, &reason);
+        const auto folder = preparePerUserDirectory(base.path, &reason);
         ::umask(previous);
-        ASSERT_TRUE(folder) << reason;
-        EXPECT_EQ(*folder, base.ours());
-        EXPECT_TRUE(std::filesystem::is_directory(*folder));
+        ASSERT_EQ(folder, base.ours()) << reason;
         EXPECT_EQ(modeOf(*folder), 0700u) << "umask " << std::oct << mask;
-        // Using it again is fine and changes nothing.
-        EXPECT_EQ(preparePerUserDirectory(base.path, nullptr), folder);
+        EXPECT_EQ(preparePerUserDirectory(base.path, nullptr), folder); // used again as is
+        ::chmod(folder->c_str(), 0777);
+        ASSERT_EQ(preparePerUserDirectory(base.path, &reason), folder) << reason;
+        EXPECT_EQ(modeOf(*folder), 0700u);
     }
 }
 
-TEST(TempDirectory, RefusesASymbolicLinkAndANonDirectory)
+TEST(TempDirectory, RefusesASymbolicLinkANonDirectoryAndAFolderOfAnotherUser)
 {
     Base base;
     const auto elsewhere = base.path / "elsewhere";
     std::filesystem::create_directory(elsewhere);
     std::filesystem::permissions(elsewhere, std::filesystem::perms::all);
     std::filesystem::create_directory_symlink(elsewhere, base.ours());
-    std::string reason;
-    EXPECT_FALSE(preparePerUserDirectory(base.path, &reason));
-    EXPECT_NE(reason.find("symbolic link"), std::string::npos) << reason;
+    const auto refusal = [&] {
+        std::string reason;
+        EXPECT_FALSE(preparePerUserDirectory(base.path, &reason));
+        return reason;
+    };
+    EXPECT_NE(refusal().find("symbolic link"), std::string::npos);
     EXPECT_EQ(modeOf(elsewhere), 0777u) << "the link's target is left alone";
 
     std::filesystem::remove(base.ours());
     std::ofstream(base.ours()) << "not a folder";
-    reason.clear();
-    EXPECT_FALSE(preparePerUserDirectory(base.path, &reason));
-    EXPECT_NE(reason.find("not a directory"), std::string::npos) << reason;
-}
+    EXPECT_NE(refusal().find("not a directory"), std::string::npos);
 
-TEST(TempDirectory, TightensATooOpenFolderOfOurs)
-{
-    Base base;
-    std::filesystem::create_directory(base.ours());
-    ::chmod(base.ours().c_str(), 0777);
-    std::string reason;
-    ASSERT_TRUE(preparePerUserDirectory(base.path, &reason)) << reason;
-    EXPECT_EQ(modeOf(base.ours()), 0700u);
-}
-
-TEST(TempDirectory, RefusesAFolderOwnedBySomeoneElse)
-{
     if (::getuid() != 0)
         GTEST_SKIP() << "handing a folder to another user needs root";
-    Base base;
+    std::filesystem::remove(base.ours());
     std::filesystem::create_directory(base.ours());
-    std::string reason;
     ASSERT_EQ(::chown(base.ours().c_str(), 65534, 65534), 0);
-    reason.clear();
-    EXPECT_FALSE(preparePerUserDirectory(base.path, &reason));
-    EXPECT_NE(reason.find("another user"), std::string::npos) << reason;
+    EXPECT_NE(refusal().find("another user"), std::string::npos);
 }
