@@ -1,5 +1,7 @@
 #include "Platform/PipeWire/PipeWireOutputEngine.h"
 
+#include "Platform/PipeWire/PipeWireRAII.h"
+
 #include <pipewire/pipewire.h>
 #include <spa/param/audio/format-utils.h>
 #include <spa/pod/builder.h>
@@ -21,15 +23,6 @@ constexpr auto linkTimeout = std::chrono::seconds(3);
 struct LinkEnds {
     uint32_t outputNode = 0;
     uint32_t inputNode = 0;
-};
-
-template <typename T, void (*destroy)(T*)>
-struct Deleter {
-    void operator()(T* object) const
-    {
-        if (object)
-            destroy(object);
-    }
 };
 
 void disconnectCore(pw_core* core)
@@ -60,11 +53,11 @@ struct PipeWireOutputEngine::Data {
 
     // Everything below exists only between start() and stop(), in this
     // order of creation (destroyed in reverse).
-    std::unique_ptr<pw_thread_loop, Deleter<pw_thread_loop, pw_thread_loop_destroy>> loop;
-    std::unique_ptr<pw_context, Deleter<pw_context, pw_context_destroy>> context;
-    std::unique_ptr<pw_core, Deleter<pw_core, disconnectCore>> core;
-    std::unique_ptr<pw_registry, Deleter<pw_registry, destroyProxy>> registry;
-    std::unique_ptr<pw_stream, Deleter<pw_stream, pw_stream_destroy>> stream;
+    PipeWirePtr<pw_thread_loop, pw_thread_loop_destroy> loop;
+    PipeWirePtr<pw_context, pw_context_destroy> context;
+    PipeWirePtr<pw_core, disconnectCore> core;
+    PipeWirePtr<pw_registry, destroyProxy> registry;
+    PipeWirePtr<pw_stream, pw_stream_destroy> stream;
     spa_hook coreListener {};
     spa_hook registryListener {};
     spa_hook streamListener {};
@@ -88,6 +81,16 @@ struct PipeWireOutputEngine::Data {
     void teardown();
     void updateTarget();
     void notifyObservers();
+
+    // A node ID the loop thread writes, read under the loop lock; 0 when
+    // not running.
+    uint32_t readLocked(const uint32_t& node) const
+    {
+        if (!loop)
+            return 0;
+        LoopLock lock(loop.get());
+        return node;
+    }
 };
 
 namespace {
@@ -393,22 +396,12 @@ void PipeWireOutputEngine::removeConfigurationObserver(uint64_t token)
 
 uint32_t PipeWireOutputEngine::nodeID() const
 {
-    if (!data->loop)
-        return 0;
-    pw_thread_loop_lock(data->loop.get());
-    const uint32_t node = data->streamNode;
-    pw_thread_loop_unlock(data->loop.get());
-    return node;
+    return data->readLocked(data->streamNode);
 }
 
 uint32_t PipeWireOutputEngine::targetNodeID() const
 {
-    if (!data->loop)
-        return 0;
-    pw_thread_loop_lock(data->loop.get());
-    const uint32_t node = data->target;
-    pw_thread_loop_unlock(data->loop.get());
-    return node;
+    return data->readLocked(data->target);
 }
 
 } // namespace sorva
