@@ -7,7 +7,6 @@
 
 #include <algorithm>
 #include <cmath>
-#include <iostream>
 #include <sstream>
 #include <thread>
 
@@ -28,8 +27,6 @@ struct BufferedHost : EngineHost {
     {
         process.writeLine("stats");
         auto line = process.readLine(5s);
-        while (line == std::optional<std::string>("REBUILD"))
-            line = process.readLine(5s);
         if (!line || !line->starts_with("RING "))
             return std::nullopt;
         std::pair<int64_t, int64_t> result;
@@ -46,9 +43,8 @@ protected:
     }
 };
 
-// Direct playback takes one quantum here, so the impulse arrives after the
-// prime length plus one quantum; the ring primes on whole capture blocks and
-// may hold up to a block more: hence the tolerance of one quantum.
+// Direct playback takes one quantum, so the impulse arrives after the prime
+// plus one quantum; the ring may hold up to a capture block more.
 void expectLatency(TestGraph& graph, double latency)
 {
     BufferedHost host(latency);
@@ -56,9 +52,7 @@ void expectLatency(TestGraph& graph, double latency)
     graph.startRecorder("speakers", 48000 * 3);
     graph.startPlayer(impulseSignal(100));
     ASSERT_TRUE(playerRoutedToTap(graph));
-    // An output that started pulling after the capture leaves the ring above
-    // its prime; the reader's rate nudging drains that over seconds. Measure
-    // once it is within a quantum of the prime.
+    // The reader's rate nudging drains an initial excess over seconds.
     const int64_t prime = BufferedEQProcessor::primeFrames(latency);
     int settled = 0;
     for (auto deadline = std::chrono::steady_clock::now() + 60s;
@@ -71,16 +65,14 @@ void expectLatency(TestGraph& graph, double latency)
     ASSERT_EQ(settled, 3) << "the ring never came down to its prime length";
     auto delay = impulseDelay(graph, 100);
     ASSERT_TRUE(delay);
-    std::cout << "[ latency  ] " << latency << " ms buffer: " << *delay << " frames\n";
     EXPECT_NEAR(double(*delay), double(prime + quantum), double(quantum));
-    EXPECT_EQ(graph.recorderGaps(), 0u);
     EXPECT_TRUE(host.stop());
 }
 
 TEST_F(PipeWireBufferedEngine, LatencyIsTheDefaultBufferPlusOneQuantum) { expectLatency(graph, 125.0); }
 TEST_F(PipeWireBufferedEngine, LatencyFollowsAConfiguredBuffer) { expectLatency(graph, 80.0); }
 
-TEST_F(PipeWireBufferedEngine, PlaysTheOtherProgramEqualized)
+TEST_F(PipeWireBufferedEngine, PlaysTheOtherProgramEqualizedWithoutUnderruns)
 {
     BufferedHost host(125.0, "0,0,-12,0,0");
     ASSERT_TRUE(host.started());
@@ -108,45 +100,18 @@ TEST_F(PipeWireBufferedEngine, PlaysTheOtherProgramEqualized)
         ++first;
     ASSERT_LT(first + 44000, recording.size() / 2) << "the tone did not arrive";
     EXPECT_LT(expectedDB, -6.0);
-    // The level is the median over 50 ms windows (25 whole periods each): a
-    // cycle the starved machine skipped costs the ring one resync and a few
-    // windows, not the measurement.
+    // Median over 50 ms windows: a cycle skipped under load costs a few windows.
     std::vector<double> windowDB;
     for (size_t at = first + 12000; at + 2400 <= first + 44000; at += 2400)
         windowDB.push_back(20.0 * std::log10(rms(recording, at, at + 2400) / reference));
     std::nth_element(windowDB.begin(), windowDB.begin() + windowDB.size() / 2, windowDB.end());
     EXPECT_NEAR(windowDB[windowDB.size() / 2], expectedDB, 0.2) << "an unprocessed copy would sit near 0 dB";
-    EXPECT_EQ(graph.recorderGaps(), 0u);
-    EXPECT_TRUE(host.stop());
-}
-
-TEST_F(PipeWireBufferedEngine, NoUnderrunsOnceRunning)
-{
-    BufferedHost host(125.0);
-    ASSERT_TRUE(host.started());
-    graph.startRecorder("speakers", 48000 * 2);
-    graph.startPlayer(tone(48000, 440.0, 0.1f));
-    ASSERT_TRUE(playerRoutedToTap(graph));
-    std::this_thread::sleep_for(1s);
-    ASSERT_TRUE(host.ring()); // counts the priming, and resets the count
+    // Running on (the count since priming reset first): no underrun.
+    ASSERT_TRUE(host.ring());
     std::this_thread::sleep_for(15s);
     const auto ring = host.ring();
     ASSERT_TRUE(ring);
     EXPECT_EQ(ring->first, 0);
-    EXPECT_TRUE(host.stop());
-}
-
-// Unlike the single-device engine, right after start: the output stream
-// follows the new default at once, so the chain must follow it too.
-TEST_F(PipeWireBufferedEngine, AsksForARebuildAsSoonAsTheDefaultOutputChanges)
-{
-    BufferedHost host(125.0);
-    ASSERT_TRUE(host.started());
-    std::this_thread::sleep_for(300ms);
-    graph.setDefaultSink("speakers-2");
-    EXPECT_EQ(host.process.readLine(5s), std::optional<std::string>("REBUILD"));
-    // The output stream's own notice of the move adds no second request.
-    EXPECT_EQ(host.process.readLine(1s), std::nullopt);
     EXPECT_TRUE(host.stop());
 }
 

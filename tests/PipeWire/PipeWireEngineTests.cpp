@@ -1,6 +1,5 @@
-// The single-device engine on a real PipeWire graph, each test in a private
-// session of its own: the test's player stands for "every other program", the
-// engine runs in a child process, the recorder hears what the speakers get.
+// The single-device engine (in a child process) on a private PipeWire session:
+// the test's player stands for every other program, the recorder for the speakers.
 #include "Audio/BiquadEQ.h"
 #include "Models/EQConfig.h"
 #include "PipeWire/TestGraph.h"
@@ -98,7 +97,6 @@ TEST_F(PipeWireEngine, EqualizesAnotherProgramExactlyAsTheEqualizerDoes)
     ASSERT_GE(received.size(), signal.size()) << "the speakers did not receive the whole signal";
     received.resize(signal.size());
     EXPECT_EQ(firstDifference(received, equalized(signal, gains)), -1);
-    EXPECT_NE(firstDifference(received, signal), -1) << "the signal arrived unprocessed";
     // The user's default devices stay what they were.
     EXPECT_EQ(graph.metadata(0, "default.audio.sink"), std::optional<std::string>("{\"name\":\"speakers\"}"));
     EXPECT_EQ(graph.metadata(0, "default.audio.source").value_or("").find("sorva"), std::string::npos);
@@ -119,14 +117,12 @@ TEST_F(PipeWireEngine, LeaksNothingUnprocessedAndDoesNotFeedItsOutputBack)
     auto recording = playAndRecord(graph);
     ASSERT_GT(recording.size(), (frames + 14400) * 2);
 
-    // Steady state, away from the filters' attack: an unprocessed copy would
-    // sit near 0 dB.
+    // Steady state: an unprocessed copy would sit near 0 dB.
     const double reference = rms(signal, 12000, 44000);
     const double expectedDB = 20.0 * std::log10(rms(equalized(signal, gains), 12000, 44000) / reference);
     EXPECT_LT(expectedDB, -20.0);
     EXPECT_NEAR(20.0 * std::log10(rms(recording, 12000, 44000) / reference), expectedDB, 0.05);
-    // Once the player is silent, so are the speakers: a path from SORVA's
-    // output back into its tap would keep the tone circulating.
+    // Feedback from SORVA's output into its tap would outlive the player.
     EXPECT_LT(20.0 * std::log10(rms(recording, frames + 2400, frames + 14400) / 0.25 + 1e-12), -90.0);
     EXPECT_TRUE(host.stop());
 }

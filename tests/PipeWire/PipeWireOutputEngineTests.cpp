@@ -1,5 +1,5 @@
 // The PipeWire output engine (the buffered engine's playback) on a private
-// session: what it plays reaches the default sink, and it follows the sink.
+// session: it pulls planar stereo for the default sink and follows the sink.
 #include "Platform/PipeWire/PipeWireOutputEngine.h"
 #include "PipeWire/TestGraph.h"
 
@@ -40,9 +40,8 @@ struct ToneSource {
 
 using PipeWireOutputEngineTest = GraphTest;
 
-TEST_F(PipeWireOutputEngineTest, PlaysPlanarStereoToTheDefaultSinkAtItsLevelAndFollowsTheSink)
+TEST_F(PipeWireOutputEngineTest, PullsPlanarStereoForTheDefaultSinkAndFollowsTheSink)
 {
-    graph.startRecorder("speakers", 48000 * 2);
     ToneSource tone;
     PipeWireOutputEngine engine;
     const OutputFormat format = *OutputFormat::planarFloat(48000.0, 2);
@@ -55,16 +54,9 @@ TEST_F(PipeWireOutputEngineTest, PlaysPlanarStereoToTheDefaultSinkAtItsLevelAndF
     EXPECT_TRUE(engine.isRunning());
     EXPECT_NE(engine.nodeID(), 0u);
 
-    // The last half second of two: a 0.25 sine, RMS 0.25 / sqrt(2), in both channels.
-    ASSERT_TRUE(TestGraph::waitFor([&] { return graph.recorded().size() >= 2 * 48000 * 2; }, 5s));
+    // Its level on the speakers is pinned by the buffered engine's tests.
+    ASSERT_TRUE(TestGraph::waitFor([&] { return tone.frames.load() >= 4800; }, 5s));
     EXPECT_EQ(tone.buffersSeen.load(), 2u);
-    auto recording = graph.recorded();
-    for (int c = 0; c < 2; ++c) {
-        double sum = 0;
-        for (size_t f = 48000 * 3 / 2; f < 48000 * 2; ++f)
-            sum += double(recording[2 * f + c]) * recording[2 * f + c];
-        EXPECT_NEAR(std::sqrt(sum / 24000), 0.25 / std::sqrt(2.0), 0.002) << "channel " << c;
-    }
     ASSERT_TRUE(TestGraph::waitFor([&] { return engine.targetNodeID() != 0; }, 3s));
     const uint32_t firstSink = engine.targetNodeID();
     EXPECT_EQ(changes.load(), 0);

@@ -60,8 +60,6 @@ struct TestGraph::Data {
     Stream recorder;
     std::vector<float> recording;
     std::atomic<size_t> recordedFrames { 0 };
-    uint64_t expectedPosition = 0;
-    std::atomic<uint64_t> gaps { 0 };
     std::atomic<uint32_t> cycleFrames { 0 };
     // (graph position, first recorded frame) of each recorded cycle.
     std::vector<std::pair<uint64_t, size_t>> cycles;
@@ -169,9 +167,6 @@ struct TestGraph::Data {
             uint64_t position = recorder.position->clock.position;
             cycleFrames.store(frames);
             size_t have = recordedFrames.load();
-            if (have > 0 && position != expectedPosition)
-                gaps.fetch_add(1);
-            expectedPosition = position + frames;
             size_t n = std::min<size_t>(frames, recording.size() / 2 - have);
             size_t cycle = cycleCount.load();
             if (n > 0 && cycle < cycles.size()) {
@@ -311,7 +306,6 @@ void TestGraph::startRecorder(const std::string& speaker, size_t capacityFrames)
     data->cycles.assign(capacityFrames / 16 + 1, { 0, 0 });
     data->cycleCount = 0;
     data->recordedFrames = 0;
-    data->gaps = 0;
     data->recorder.cycle = [d = data.get()] { d->recorderCycle(); };
     data->connect(data->recorder, "test recorder",
                   pw_properties_new(PW_KEY_MEDIA_TYPE, "Audio", PW_KEY_MEDIA_CATEGORY, "Capture", PW_KEY_NODE_NAME,
@@ -325,8 +319,6 @@ std::vector<float> TestGraph::recorded()
     size_t frames = data->recordedFrames.load();
     return std::vector<float>(data->recording.begin(), data->recording.begin() + static_cast<long>(frames * 2));
 }
-
-uint64_t TestGraph::recorderGaps() { return data->gaps.load(); }
 
 std::optional<uint64_t> TestGraph::recordedFramePosition(size_t frame)
 {

@@ -49,7 +49,6 @@ public:
     // Graph position of a recorded frame (cycles are remembered one by one,
     // so a skipped cycle does not shift the frames after it).
     std::optional<uint64_t> recordedFramePosition(size_t frame);
-    uint64_t recorderGaps();
     // Frames in the recorder's latest cycle: the graph's current quantum.
     uint32_t recorderCycleFrames();
     void stopRecorder();

@@ -2,8 +2,7 @@
 // tests.   sorva_pipewire_buffered_host [--gains G1,G2,G3,G4,G5] [--latency MS]
 // Prints "READY" once started (or "FAILED <description>" and exits 1), then
 // answers "stats" with "RING <underruns and resyncs since the last stats>
-// <frames buffered>" and "stop" (or the end of input) with "STOPPED". Each
-// request to be rebuilt prints "REBUILD".
+// <frames buffered>" and "stop" (or the end of input) with "STOPPED".
 #include "Audio/BufferedEQProcessor.h"
 #include "Models/EQConfig.h"
 #include "Platform/ManualMainExecutor.h"
@@ -44,7 +43,6 @@ int main(int argc, char** argv)
         bands[band].gain = gains[band];
     BufferedEQProcessor engine(static_cast<int64_t>(bands.size()), latency, hardware,
                                std::make_unique<PipeWireOutputEngine>(), executor);
-    engine.onConfigurationChange = [] { std::cout << "REBUILD" << std::endl; };
     try {
         engine.start(bands, 0.0);
     } catch (const std::exception& error) {
