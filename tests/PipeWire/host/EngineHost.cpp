@@ -1,13 +1,12 @@
 // A SORVA engine in a process of its own, for the PipeWire integration tests
 // (they route their player like any other program's and may kill the engine).
 //
-//   sorva_pipewire_engine_host [--gains G1,G2,G3,G4,G5] [--tap-only]
+//   sorva_pipewire_engine_host [--gains G1,G2,G3,G4,G5]
 //
 // Prints "READY" once started (or "FAILED <description>" and exits 1), then
 // runs until standard input closes or says "stop", stops, prints "STOPPED".
 // A configuration change rebuilds the engine as the controller does and
-// prints "REBUILT <device name> <rate>". --tap-only creates and destroys a tap
-// (which replays the routing journal) and exits.
+// prints "REBUILT <device name> <rate>".
 #include "Audio/SystemEQProcessor.h"
 #include "Models/EQConfig.h"
 #include "Platform/ManualMainExecutor.h"
@@ -24,7 +23,6 @@ using namespace sorva;
 int main(int argc, char** argv)
 {
     std::vector<double> gains(5, 0.0);
-    bool tapOnly = false;
     for (int i = 1; i < argc; ++i) {
         std::string arg = argv[i];
         if (arg == "--gains" && i + 1 < argc) {
@@ -32,8 +30,6 @@ int main(int argc, char** argv)
             std::string item;
             for (size_t band = 0; band < gains.size() && std::getline(list, item, ','); ++band)
                 gains[band] = std::stod(item);
-        } else if (arg == "--tap-only") {
-            tapOnly = true;
         } else {
             std::cerr << "unknown argument " << arg << "\n";
             return 2;
@@ -41,16 +37,6 @@ int main(int argc, char** argv)
     }
 
     PipeWireAudioHardware hardware;
-    if (tapOnly) {
-        AudioObjectID tap = 0;
-        TapDescription description = TapDescription::stereoGlobalTapButExcludeProcesses({});
-        description.name = "SORVA System Tap";
-        OSStatus status = hardware.createProcessTap(description, tap);
-        if (status == 0)
-            hardware.destroyProcessTap(tap);
-        std::cout << (status == 0 ? "READY" : "FAILED " + std::to_string(status)) << std::endl;
-        return status == 0 ? 0 : 1;
-    }
 
     ManualMainExecutor executor;
     std::vector<EQBand> bands = EQConfig::defaultConfig().bands;
