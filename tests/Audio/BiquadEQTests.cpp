@@ -172,7 +172,6 @@ TEST(BiquadEQ, MagnitudeResponseMatchesTheAnalyticPeakingFilter)
                 const double expected = analyticPeakingDB(f, centre, gain) + (gain > 0 ? -0.12 * gain : 0.0);
                 EXPECT_NEAR(sineLevelDB(left, f, measured, 0.1), expected, 0.04 * std::pow(30.0 / centre, 2) + 2e-4)
                     << "band " << frequencies[band] << " Hz, gain " << gain << " dB, at " << f << " Hz";
-                EXPECT_TRUE(sameBits(left, right));
             }
 }
 
@@ -267,13 +266,8 @@ TEST(BiquadEQ, GainStageFlatBandsAndMakeupGain)
     eq.update(bandsWithGains({ 0, 0, 0, 0, 0 }), -6.0, rate);
     for (int64_t b = 0; b < 5; ++b)
         EXPECT_TRUE(eq.section(eq.publishedBank(), b).isIdentity());
-    // A flat configuration is the output gain alone.
+    // The gain stage itself is pinned by the reference comparison; here only its values.
     EXPECT_NEAR(eq.currentOutputGain(), 0.501187f, 1e-6f);
-    std::vector<float> block = { 0.5f, -0.25f, 0.125f, -0.0f, 1e-20f, 0.3f }, expected;
-    for (float v : block)
-        expected.push_back(v * eq.currentOutputGain());
-    eq.processInterleaved(block.data(), 3, 2);
-    EXPECT_TRUE(sameBits(block, expected));
 
     // Makeup follows the largest boost among the counted bands; cuts never raise the level.
     const std::pair<std::vector<double>, double> makeup[] = { { { -3, 12, 4, -20, 0 }, -1.44 },
