@@ -37,7 +37,7 @@ void blockingProc(void* context, const AudioTimeStamp*, const AudioBufferList*, 
 TEST(SimulatedAudioHardware, NothingAliveSeesEveryLeftOverObject)
 {
     SimulatedAudioHardware hardware;
-    hardware.addOutputDevice("Speakers", "speakers-uid");
+    const AudioObjectID speakers = hardware.addOutputDevice("Speakers", "speakers-uid");
     AudioObjectID tap = 0, aggregate = 0;
     TapDescription description = TapDescription::stereoGlobalTapButExcludeProcesses({ hardware.ownProcessObject() });
     description.uuid = "ab-cd";
@@ -48,12 +48,15 @@ TEST(SimulatedAudioHardware, NothingAliveSeesEveryLeftOverObject)
                                              aggregate),
               0);
     BlockingProc unused;
-    AudioDeviceIOProcID proc = 0;
-    ASSERT_EQ(hardware.createIOProcID(aggregate, blockingProc, &unused, proc), 0);
+    AudioDeviceIOProcID onAggregate = 0, onSpeakers = 0;
+    ASSERT_EQ(hardware.createIOProcID(aggregate, blockingProc, &unused, onAggregate), 0);
+    ASSERT_EQ(hardware.createIOProcID(speakers, blockingProc, &unused, onSpeakers), 0);
     EXPECT_EQ(hardware.destroyProcessTap(tap), 0);
     EXPECT_FALSE(hardware.nothingAlive());
-    EXPECT_EQ(hardware.destroyAggregateDevice(aggregate), 0);
-    EXPECT_TRUE(hardware.nothingAlive()) << "the aggregate's IO procedure goes with it";
+    EXPECT_EQ(hardware.destroyAggregateDevice(aggregate), 0); // its IO procedure goes with it
+    EXPECT_FALSE(hardware.nothingAlive());
+    EXPECT_EQ(hardware.destroyIOProcID(speakers, onSpeakers), 0);
+    EXPECT_TRUE(hardware.nothingAlive());
 }
 
 TEST(SimulatedAudioHardware, StopReturnsOnlyAfterTheCycleInProgressHasFinished)
