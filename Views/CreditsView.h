@@ -17,6 +17,8 @@ class PillButton;
 
 class CreditsView final : public QWidget {
     Q_OBJECT
+    // Read by the SORVA_INSPECT dump.
+    Q_PROPERTY(double cornerRadius READ cornerRadiusValue CONSTANT)
 public:
     static constexpr int cardWidth = 260;
     static constexpr double cornerRadius = 16.0;
@@ -28,6 +30,7 @@ public:
     // "Made by " + the maker.
     static QString makerLine();
 
+    double cornerRadiusValue() const { return cornerRadius; }
     PillButton* closeButton() const { return close; }
 
     QSize sizeHint() const override;

@@ -15,12 +15,16 @@ namespace sorva {
 
 class GlassBackground final : public QWidget {
     Q_OBJECT
+    // Read by the SORVA_INSPECT dump.
+    Q_PROPERTY(double cornerRadius READ cornerRadius CONSTANT)
 public:
     // The material the panel asks for (the dark heads-up-display glass).
     static constexpr int hudWindow = 13;
     static constexpr const char* identifier = "sorva-glass";
 
     explicit GlassBackground(int material = hudWindow, QWidget* parent = nullptr);
+
+    double cornerRadius() const;
 
     int material() const { return materialValue; }
     void setMaterial(int material);

@@ -15,6 +15,8 @@ namespace sorva {
 
 class PillButton final : public QAbstractButton {
     Q_OBJECT
+    // Read by the SORVA_INSPECT dump: half the height.
+    Q_PROPERTY(double cornerRadius READ cornerRadius)
 public:
     struct Face {
         QFont font;
@@ -27,6 +29,9 @@ public:
     void setFaces(const Face& normal, const Face& selected);
     void setPadding(const QMarginsF& padding);
     const QMarginsF& padding() const { return paddingValue; }
+    double cornerRadius() const { return height() / 2.0; }
+    // The tracked text's size, without the spacing after the last letter.
+    QSizeF textSize() const;
     bool isSelected() const { return selected; }
     void setSelected(bool selected);
 
