@@ -79,7 +79,9 @@ bool rootHasProperty(xcb_connection_t* c, xcb_window_t root, xcb_atom_t property
 
 bool blendsAlpha()
 {
-    if (onWayland())
+    // Wayland always composites; offscreen and other platforms render into
+    // images that keep their alpha.
+    if (onWayland() || !onX11())
         return true;
 #ifdef SORVA_HAVE_XCB
     if (onX11()) {
@@ -99,7 +101,7 @@ bool blendsAlpha()
         return owned;
     }
 #endif
-    return false;
+    return true;
 }
 
 bool requestBlurBehind(QWindow* window, const QRegion& region)
