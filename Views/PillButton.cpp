@@ -1,5 +1,6 @@
 #include "Views/PillButton.h"
 
+#include <QFocusEvent>
 #include <QFontMetricsF>
 #include <QPainter>
 #include <QPainterPath>
@@ -49,6 +50,19 @@ void PillButton::setSelected(bool isSelected)
     update();
 }
 
+void PillButton::focusInEvent(QFocusEvent* event)
+{
+    keyboardFocus = event->reason() == Qt::TabFocusReason || event->reason() == Qt::BacktabFocusReason
+        || event->reason() == Qt::ShortcutFocusReason;
+    QAbstractButton::focusInEvent(event);
+}
+
+void PillButton::focusOutEvent(QFocusEvent* event)
+{
+    keyboardFocus = false;
+    QAbstractButton::focusOutEvent(event);
+}
+
 QSizeF PillButton::textSize() const
 {
     const QFont& font = face().font;
@@ -82,7 +96,7 @@ void PillButton::paintEvent(QPaintEvent*)
     painter.fillPath(capsule, look.fill);
     if (isDown())
         painter.fillPath(capsule, QColor(0, 0, 0, 40));
-    if (hasFocus()) {
+    if (hasFocus() && keyboardFocus) {
         painter.setPen(QPen(QColor(255, 255, 255, 150), 1));
         painter.drawRoundedRect(bounds.adjusted(0.5, 0.5, -0.5, -0.5), radius - 0.5, radius - 0.5);
     }

@@ -41,6 +41,8 @@ public:
 
 protected:
     void paintEvent(QPaintEvent* event) override;
+    void focusInEvent(QFocusEvent* event) override;
+    void focusOutEvent(QFocusEvent* event) override;
 
 private:
     const Face& face() const { return selected ? selectedFace : normalFace; }
@@ -49,6 +51,9 @@ private:
     Face selectedFace;
     QMarginsF paddingValue { 10, 5, 10, 5 };
     bool selected = false;
+    // The focus ring shows only for focus that came from the keyboard, not
+    // for the focus a window hands its first control when it opens.
+    bool keyboardFocus = false;
 };
 
 } // namespace sorva

@@ -94,8 +94,11 @@ void PresetPills::placePills()
             QMarginsF(arrangement.padding, verticalPadding, arrangement.padding, verticalPadding));
         pillButtons[i]->setGeometry(arrangement.frames[i].toRect());
     }
-    if (std::ceil(arrangement.height) != height())
-        updateGeometry();
+    // Wrapped rows need more height than a row: asking for it as a minimum
+    // makes every enclosing layout (and the window) make room.
+    const int needed = static_cast<int>(std::ceil(arrangement.height));
+    if (needed != minimumHeight())
+        setMinimumHeight(needed);
 }
 
 QSize PresetPills::sizeHint() const

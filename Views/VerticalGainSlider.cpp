@@ -21,6 +21,7 @@ namespace {
 // also needs room above the track's top when the knob sits there.
 constexpr double knobSpan = VerticalGainSlider::activeKnobDiameter + 2 * VerticalGainSlider::glowRadius;
 constexpr double topInset = VerticalGainSlider::glowRadius;
+constexpr double labelGap = 6;
 
 QFont labelFont()
 {
@@ -116,7 +117,8 @@ QSizeF VerticalGainSlider::labelSize() const
 QSize VerticalGainSlider::sizeHint() const
 {
     const QSizeF label = labelSize();
-    const double width = std::max({ knobSpan, trackWidthValue, label.width() });
+    // A little air beside the label keeps neighbouring labels apart.
+    const double width = std::max({ knobSpan, trackWidthValue, label.width() + labelGap });
     const double height = topInset + trackHeightValue + labelSpacing + label.height();
     return QSize(static_cast<int>(std::ceil(width)), static_cast<int>(std::ceil(height)));
 }

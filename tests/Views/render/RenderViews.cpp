@@ -15,6 +15,7 @@
 #include "Views/DotMatrixText.h"
 #include "Views/GlassBackground.h"
 #include "Views/PanelWindowStyler.h"
+#include "Views/PillButton.h"
 #include "Views/PresetPills.h"
 #include "Views/SORVALogo.h"
 #include "Views/SORVATheme.h"
@@ -62,10 +63,13 @@ std::unique_ptr<QWidget> onGlass(QWidget* content, int width, int padding = 12)
 
 bool writeScene(QWidget& scene, const QString& path)
 {
-    scene.ensurePolished();
-    if (scene.layout())
-        scene.layout()->activate();
-    scene.adjustSize();
+    // Shown (offscreen), so that resizes and the layout requests they cause
+    // (the pills' height for a narrow width) settle before the picture.
+    scene.show();
+    for (int pass = 0; pass < 3; ++pass) {
+        QCoreApplication::processEvents();
+        scene.adjustSize();
+    }
     if (auto* glass = scene.findChild<GlassBackground*>())
         glass->setGeometry(scene.rect());
     QImage image(scene.size() * pixelRatio, QImage::Format_ARGB32_Premultiplied);
@@ -114,8 +118,12 @@ QWidget* column(std::initializer_list<QWidget*> widgets, int spacing = 10)
     auto* layout = new QVBoxLayout(box);
     layout->setContentsMargins(0, 0, 0, 0);
     layout->setSpacing(spacing);
-    for (QWidget* widget : widgets)
-        layout->addWidget(widget, 0, Qt::AlignHCenter);
+    for (QWidget* widget : widgets) {
+        // Rows of columns and pills take the full width, like in the panel.
+        const bool fullWidth = widget->sizePolicy().horizontalPolicy() == QSizePolicy::Expanding
+            || !widget->findChildren<VerticalGainSlider*>().isEmpty();
+        layout->addWidget(widget, 0, fullWidth ? Qt::Alignment() : Qt::AlignHCenter);
+    }
     return box;
 }
 
@@ -234,11 +242,11 @@ int main(int argc, char** argv)
               // The readout card's middle as the panel stacks it.
               auto* dots = new DotMatrixText("-12", 3, 3.5, 1.6, Qt::white);
               auto* spectrum = new SpectrumView(ramp, 7, 3, 2);
-              spectrum->setFixedSize(248, 34);
+              spectrum->setFixedHeight(34);
               auto* curve = new CurveView;
               curve->setBands(bandsWith({ 10, 0, -2, -6, 2 }));
               curve->setActive(3);
-              curve->setFixedSize(248, 30);
+              curve->setFixedHeight(30);
               return onGlass(column({ new SORVALogo(34), dots, spectrum, curve, new PresetPills(*rock),
                                       sliderRow({ 10, 0, -2, -6, 2 }, 3, false) }),
                              320, 20);
