@@ -45,8 +45,14 @@ xcb_atom_t atom(xcb_connection_t* c, const std::string& name, bool onlyIfExists)
 
 xcb_screen_t* defaultScreen(xcb_connection_t* c, int* number)
 {
+    // The screen number of $DISPLAY, the one Qt connected to. xcb fills in
+    // the host name even when only the screen is wanted.
     int screenNumber = 0;
-    xcb_parse_display(nullptr, nullptr, nullptr, &screenNumber);
+    char* host = nullptr;
+    int display = 0;
+    if (xcb_parse_display(nullptr, &host, &display, &screenNumber) == 0)
+        screenNumber = 0;
+    std::free(host);
     xcb_screen_iterator_t it = xcb_setup_roots_iterator(xcb_get_setup(c));
     for (int i = 0; it.rem > 0; ++i, xcb_screen_next(&it)) {
         if (i == screenNumber) {
