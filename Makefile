@@ -7,7 +7,7 @@ TSAN      ?= build-tsan
 ASAN      ?= build-asan
 CMAKE_ARGS ?=
 
-.PHONY: all deps build run test bench sanitize clean
+.PHONY: all deps build run test bench sanitize clean install package
 
 all: build
 
@@ -23,6 +23,17 @@ build: deps $(BUILD)/CMakeCache.txt
 
 run: build
 	@scripts/run-sorva $(BUILD)
+
+# For this user only: ~/.local/bin/sorva, its menu entry and its icon.
+PREFIX ?= $(HOME)/.local
+install: build
+	cmake --install $(BUILD) --prefix $(PREFIX)
+	-@command -v update-desktop-database >/dev/null && update-desktop-database -q $(PREFIX)/share/applications
+	-@command -v gtk-update-icon-cache >/dev/null && gtk-update-icon-cache -q -t $(PREFIX)/share/icons/hicolor
+
+# The Debian package: $(BUILD)/sorva_VERSION_ARCH.deb, for `apt install ./sorva_*.deb`.
+package: build
+	cd $(BUILD) && cpack -G DEB
 
 # Sanitizer builds of everything that runs without Qt: the DSP blocks, the log,
 # the lifecycle coordinator, the engines on the simulated backend.

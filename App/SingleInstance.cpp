@@ -7,8 +7,13 @@
 #include <QDir>
 #include <QLocalServer>
 #include <QLocalSocket>
+#include <QThread>
 
+#include <cerrno>
 #include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
+#include <sys/file.h>
 #include <unistd.h>
 
 namespace sorva {
@@ -18,7 +23,13 @@ SingleInstance::SingleInstance(QObject* parent)
 {
 }
 
-SingleInstance::~SingleInstance() = default;
+SingleInstance::~SingleInstance()
+{
+    if (server)
+        server->close();
+    if (lockFd >= 0)
+        ::close(lockFd);
+}
 
 QString SingleInstance::socketPath()
 {
@@ -54,20 +65,31 @@ SingleInstance::Outcome SingleInstance::listen(const QString& path)
 {
     if (path.isEmpty())
         return Outcome::unavailable;
+    const QByteArray lockPath = (path + QStringLiteral(".lock")).toLocal8Bit();
+    lockFd = ::open(lockPath.constData(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+    if (lockFd < 0) {
+        EQLog::trace("cannot open " + lockPath.toStdString() + ": " + std::strerror(errno));
+        return Outcome::unavailable;
+    }
+    if (::flock(lockFd, LOCK_EX | LOCK_NB) != 0) {
+        ::close(lockFd);
+        lockFd = -1;
+        // The holder may still be starting: give it a few seconds to listen.
+        for (int attempt = 0; attempt < 10; ++attempt) {
+            if (askRunningInstance(path, 500))
+                return Outcome::anotherInstance;
+            QThread::msleep(200);
+        }
+        EQLog::trace("another instance holds " + lockPath.toStdString() + " but does not answer");
+        return Outcome::unavailable;
+    }
+    // The lock is ours: whatever socket is there was left by a crash.
+    QLocalServer::removeServer(path);
     server = new QLocalServer(this);
     server->setSocketOptions(QLocalServer::UserAccessOption);
     connect(server, &QLocalServer::newConnection, this, &SingleInstance::acceptConnections);
     if (server->listen(path))
         return Outcome::listening;
-    if (server->serverError() == QAbstractSocket::AddressInUseError) {
-        // Either a live instance started at the same moment, or a crashed one
-        // left its socket behind.
-        if (askRunningInstance(path, 1000))
-            return Outcome::anotherInstance;
-        QLocalServer::removeServer(path);
-        if (server->listen(path))
-            return Outcome::listening;
-    }
     EQLog::trace("cannot listen for other launches at " + path.toStdString() + ": "
         + server->errorString().toStdString());
     return Outcome::unavailable;

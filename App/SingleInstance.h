@@ -4,8 +4,10 @@
 // instance to open its panel and exits; the running one emits
 // openPanelRequested().
 //
-// A socket left behind by a crashed instance answers no connection; it is
-// removed and taken over.
+// Who runs is decided by a lock (flock) on a file next to the socket, held
+// for the life of the process and released by the kernel even after a crash:
+// the holder removes any socket left behind and listens; a launch that does
+// not get the lock asks the holder to open its panel.
 //
 // Threads: the main thread (the socket notifications arrive on its event
 // loop).
@@ -39,7 +41,7 @@ public:
         // No socket could be made (logged); the program runs on without.
         unavailable,
     };
-    // Starts listening at path.
+    // Takes the lock (path + ".lock") and starts listening at path.
     Outcome listen(const QString& path);
 
     // The request a later launch sends, and the running instance's answer.
@@ -53,6 +55,7 @@ private:
     void acceptConnections();
 
     QLocalServer* server = nullptr;
+    int lockFd = -1;
 };
 
 } // namespace sorva
