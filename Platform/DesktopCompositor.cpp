@@ -45,8 +45,14 @@ xcb_atom_t atom(xcb_connection_t* c, const std::string& name, bool onlyIfExists)
 
 xcb_screen_t* defaultScreen(xcb_connection_t* c, int* number)
 {
+    // xcb_parse_display writes the host and display number through its
+    // pointers: they must not be null.
     int screenNumber = 0;
-    xcb_parse_display(nullptr, nullptr, nullptr, &screenNumber);
+    char* host = nullptr;
+    int displayNumber = 0;
+    if (xcb_parse_display(nullptr, &host, &displayNumber, &screenNumber) == 0)
+        screenNumber = 0;
+    std::free(host);
     xcb_screen_iterator_t it = xcb_setup_roots_iterator(xcb_get_setup(c));
     for (int i = 0; it.rem > 0; ++i, xcb_screen_next(&it)) {
         if (i == screenNumber) {
