@@ -11,6 +11,7 @@
 #include "Platform/Simulated/SimulatedOutputEngine.h"
 #include "Platform/TerminationSignals.h"
 #include "Views/EQPanelView.h"
+#include "Views/SORVATheme.h"
 
 #include <QAction>
 #include <QApplication>
@@ -62,7 +63,7 @@ SORVAApp::SORVAApp(EQController& controller, TestProbe* probe, QObject* parent)
     const bool trayAvailable = QSystemTrayIcon::isSystemTrayAvailable();
     if (probe)
         probe->trayAvailable(trayAvailable);
-    view = new EQPanelView(controller);
+    view = new EQPanelView(controller, trayAvailable);
     window = std::make_unique<PanelWindow>(
         view, trayAvailable ? PanelWindow::Kind::trayPanel : PanelWindow::Kind::normalWindow);
     connect(view, &EQPanelView::closeRequested, window.get(), &QWidget::hide);
@@ -148,6 +149,7 @@ int runPanelApp(int argc, char** argv, const PanelAppOptions& options)
     QGuiApplication::setApplicationDisplayName(QStringLiteral("SORVA"));
     QGuiApplication::setDesktopFileName(QStringLiteral("sorva"));
     QApplication::setWindowIcon(renderedIcon(QStringLiteral(":/icons/sorva.svg")));
+    SORVATheme::registerFonts();
     // Closing the panel or the fallback window never ends the program:
     // processing goes on until Quit.
     QApplication::setQuitOnLastWindowClosed(false);

@@ -37,6 +37,8 @@ TestProbe::TestProbe(EQController& controller, QObject* parent)
 {
     connect(&controller, &EQController::isRunningChanged, this,
         [](bool running) { line(std::string("running ") + (running ? "true" : "false")); });
+    connect(&controller, &EQController::statusChanged, this,
+        [](const EQController::Status& status) { line("status " + status.description()); });
     // The controller publishes the coefficients right after announcing the
     // change; read them once that has happened.
     connect(&controller, &EQController::configChanged, this,

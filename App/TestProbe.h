@@ -1,6 +1,7 @@
 // What the window tests cannot see from outside the process, written to
 // standard output as "probe ..." lines: whether a tray is available, where
-// the panel's controls are on the screen when it opens, the power state, and
+// the panel's controls are on the screen when it opens, the power state and
+// status, and
 // after every configuration change the band gains with the first coefficient
 // (b0) of each band's section in the running engine's published bank. On
 // only when "SORVA_TEST_PROBE" is exactly "1"; no other effect.

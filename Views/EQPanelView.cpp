@@ -3,8 +3,20 @@
 #include "Models/EQPresets.h"
 #include "Models/LoginItem.h"
 #include "Views/CapsuleButton.h"
+#include "Views/ColorHex.h"
 #include "Views/CreditsOverlay.h"
+#include "Views/CreditsView.h"
+#include "Views/CurveView.h"
+#include "Views/DotMatrixText.h"
+#include "Views/GlassBackground.h"
+#include "Views/PanelWindowStyler.h"
+#include "Views/PillButton.h"
+#include "Views/PresetPills.h"
+#include "Views/SORVALogo.h"
+#include "Views/SORVATheme.h"
+#include "Views/SpectrumView.h"
 #include "Views/SwitchToggle.h"
+#include "Views/VerticalGainSlider.h"
 
 #include <QCoreApplication>
 #include <QDesktopServices>
@@ -26,14 +38,9 @@ namespace sorva {
 
 namespace {
 
-const QColor yellow(0xF6, 0xD8, 0x18);
-const QColor ink(0x00, 0x0B, 0x1A);
-
 QColor white(double opacity)
 {
-    QColor color(Qt::white);
-    color.setAlphaF(static_cast<float>(opacity));
-    return color;
+    return SORVATheme::white(opacity);
 }
 
 QString cssColor(const QColor& color)
@@ -47,13 +54,49 @@ QString cssColor(const QColor& color)
 
 QFont panelFont(int size, QFont::Weight weight, qreal letterSpacing = 0)
 {
-    QFont font(QStringLiteral("Urbanist"));
-    font.setPixelSize(size);
-    font.setWeight(weight);
-    if (letterSpacing != 0)
-        font.setLetterSpacing(QFont::AbsoluteSpacing, letterSpacing);
-    return font;
+    return letterSpacing != 0 ? SORVATheme::font(size, weight, letterSpacing) : SORVATheme::font(size, weight);
 }
+
+// The readout card: a rounded rectangle of radius 22 filled with the card
+// gradient behind its rows.
+class ReadoutCard final : public QWidget {
+public:
+    using QWidget::QWidget;
+
+protected:
+    void paintEvent(QPaintEvent*) override
+    {
+        QPainter painter(this);
+        painter.setRenderHint(QPainter::Antialiasing);
+        QPainterPath shape;
+        shape.addRoundedRect(QRectF(rect()), 22, 22);
+        painter.fillPath(shape, SORVATheme::cardGradient());
+    }
+};
+
+// The panel's black outline, drawn over the content along the rounded edge;
+// the half of the line outside the edge is clipped away. Lets every click
+// through.
+class PanelOutline final : public QWidget {
+public:
+    explicit PanelOutline(QWidget* parent)
+        : QWidget(parent)
+    {
+        setAttribute(Qt::WA_TransparentForMouseEvents);
+    }
+
+protected:
+    void paintEvent(QPaintEvent*) override
+    {
+        QPainter painter(this);
+        painter.setRenderHint(QPainter::Antialiasing);
+        QPainterPath shape;
+        shape.addRoundedRect(QRectF(rect()), 12, 12);
+        painter.setClipPath(shape);
+        painter.setPen(QPen(Qt::black, 1.5));
+        painter.drawPath(shape);
+    }
+};
 
 QLabel* makeLabel(const QString& text, const QFont& font, const QColor& color, QWidget* parent)
 {
@@ -119,10 +162,10 @@ QColor EQPanelView::statusColor(const EQController::Status& status)
     using Case = EQController::Status::Case;
     switch (status.kind) {
     case Case::capturing:
-        return yellow;
+        return SORVATheme::yellow();
     case Case::failed:
     case Case::permissionDenied:
-        return QColor(0xFF, 0x5A, 0x5A);
+        return colorFromHex("FF5A5A");
     case Case::starting:
     case Case::idle:
         return white(0.4);
@@ -175,7 +218,7 @@ QStringList EQPanelView::soundSettingsCommand()
 
 // --- The view ----------------------------------------------------------------
 
-EQPanelView::EQPanelView(EQController& controller, QWidget* parent)
+EQPanelView::EQPanelView(EQController& controller, bool stylesWindow, QWidget* parent)
     : QWidget(parent)
     , controller(controller)
     , soundSettings(soundSettingsCommand())
@@ -184,6 +227,14 @@ EQPanelView::EQPanelView(EQController& controller, QWidget* parent)
     setFixedWidth(panelWidth);
     setAttribute(Qt::WA_TranslucentBackground);
     setFocusPolicy(Qt::StrongFocus);
+
+    // Behind everything: the glass with the panel's gradient; the styler
+    // shapes the hosting window (not in the fallback normal window, which
+    // keeps its frame).
+    glass = new GlassBackground(GlassBackground::hudWindow, this);
+    glass->lower();
+    if (stylesWindow)
+        new PanelWindowStyler(this);
 
     auto* column = new QVBoxLayout(this);
     column->setContentsMargins(20, 12, 20, 20);
@@ -198,7 +249,8 @@ EQPanelView::EQPanelView(EQController& controller, QWidget* parent)
     column->addWidget(padded(buildFooter(), 0, this));
     column->addWidget(padded(buildMetaRow(), 0, this, 10));
 
-    credits = new CreditsOverlay(new QWidget, this);
+    outline = new PanelOutline(this);
+    credits = new CreditsOverlay(new CreditsView([this] { setShowingCredits(false); }), this);
     credits->hide();
     connect(credits, &CreditsOverlay::closeRequested, this, [this] { setShowingCredits(false); });
 
@@ -207,6 +259,8 @@ EQPanelView::EQPanelView(EQController& controller, QWidget* parent)
     connect(&controller, &EQController::isRunningChanged, this, &EQPanelView::refreshRunning);
     connect(&controller, &EQController::isBypassedChanged, this, &EQPanelView::refreshRunning);
     connect(&controller, &EQController::configChanged, this, &EQPanelView::refreshConfig);
+    connect(&controller, &EQController::spectrumChanged, this,
+        [this](const std::vector<float>& levels) { spectrum->setLevels(levels); });
     refreshRunning();
     refreshConfig();
 }
@@ -218,7 +272,7 @@ QWidget* EQPanelView::buildHeader()
     auto* row = new QWidget(this);
     auto* layout = new QHBoxLayout(row);
     layout->setContentsMargins(0, 0, 0, 0);
-    layout->addWidget(makeLabel(QStringLiteral("SORVA"), panelFont(20, QFont::Bold, 2), Qt::white, row));
+    layout->addWidget(new SORVALogo(34, row), 0, Qt::AlignVCenter);
     layout->addStretch(1);
 
     abPill = new CapsuleButton(QStringLiteral("A/B"), CapsuleButton::Look::filled, row);
@@ -231,7 +285,7 @@ QWidget* EQPanelView::buildHeader()
 
     powerSwitch = new SwitchToggle(row);
     powerSwitch->setObjectName(QStringLiteral("powerSwitch"));
-    powerSwitch->setTint(yellow);
+    powerSwitch->setTint(SORVATheme::yellow());
     powerSwitch->setAccessibleName(QStringLiteral("Equalizer on"));
     // The switch shows what the controller reports, not the click itself.
     connect(powerSwitch, &SwitchToggle::clicked, this, [this](bool on) {
@@ -263,7 +317,7 @@ QWidget* EQPanelView::buildStatusLine()
     permissionButton = new CapsuleButton(QStringLiteral("OPEN PRIVACY SETTINGS"), CapsuleButton::Look::filled, box);
     permissionButton->setObjectName(QStringLiteral("privacyButton"));
     permissionButton->setFont(panelFont(10, QFont::DemiBold, 0.8));
-    permissionButton->setColors(ink, yellow);
+    permissionButton->setColors(SORVATheme::ink(), SORVATheme::yellow());
     permissionButton->setPadding(QMargins(0, 7, 0, 7));
     permissionButton->setSizePolicy(QSizePolicy::Expanding, QSizePolicy::Fixed);
     connect(permissionButton, &CapsuleButton::clicked, this, &EQPanelView::openSoundSettings);
@@ -273,7 +327,7 @@ QWidget* EQPanelView::buildStatusLine()
 
 QWidget* EQPanelView::buildReadoutCard()
 {
-    auto* card = new QWidget(this);
+    auto* card = new ReadoutCard(this);
     card->setObjectName(QStringLiteral("readoutCard"));
     auto* stack = new QVBoxLayout(card);
     stack->setContentsMargins(16, 16, 16, 16);
@@ -285,17 +339,62 @@ QWidget* EQPanelView::buildReadoutCard()
     title->addStretch(1);
     title->addWidget(frequencyText, 0, Qt::AlignTop);
     stack->addLayout(title);
+
+    gainDigits = new DotMatrixText(QString(), 3, 3.5, 1.6, Qt::white, card);
+    gainDigits->setObjectName(QStringLiteral("gainDigits"));
+    stack->addWidget(padded(gainDigits, 4, card, 4));
+    stack->itemAt(stack->count() - 1)->widget()->layout()->setAlignment(gainDigits, Qt::AlignHCenter);
+
+    spectrum = new SpectrumView(controller.spectrum(), 7, 3, 2, card);
+    spectrum->setObjectName(QStringLiteral("spectrum"));
+    spectrum->setFixedHeight(34);
+    stack->addWidget(spectrum);
+
+    curve = new CurveView(card);
+    curve->setObjectName(QStringLiteral("curve"));
+    curve->setFixedHeight(30);
+    stack->addWidget(curve);
     return card;
 }
 
 QWidget* EQPanelView::buildPresetPills()
 {
-    return new QWidget(this);
+    auto* pills = new PresetPills(controller, this);
+    pills->setObjectName(QStringLiteral("presetPills"));
+    int index = 0;
+    for (PillButton* pill : pills->pills())
+        pill->setObjectName(QStringLiteral("presetPill%1").arg(index++));
+    return pills;
 }
 
 QWidget* EQPanelView::buildSliderRow()
 {
-    return new QWidget(this);
+    auto* row = new QWidget(this);
+    auto* layout = new QHBoxLayout(row);
+    layout->setContentsMargins(0, 0, 0, 0);
+    layout->setSpacing(0);
+    const std::vector<EQBand>& bands = controller.config().bands;
+    for (size_t i = 0; i < bands.size(); ++i) {
+        auto* slider = new VerticalGainSlider(row);
+        const int index = static_cast<int>(i);
+        slider->setObjectName(QStringLiteral("bandSlider%1").arg(index));
+        slider->setTrackSize(116, 5);
+        slider->setLabel(QString::fromStdString(bands[i].label));
+        slider->setSizePolicy(QSizePolicy::Expanding, QSizePolicy::Preferred);
+        // A press, a drag movement or a key on the column makes its band the
+        // active one, alongside the slider's own editing.
+        connect(slider, &VerticalGainSlider::touched, this, [this, index] { setActiveBand(index); });
+        connect(slider, &VerticalGainSlider::gainEdited, this, [this, index](double gain) {
+            EQConfig config = controller.config();
+            if (index >= static_cast<int>(config.bands.size()) || config.bands[static_cast<size_t>(index)].gain == gain)
+                return;
+            config.bands[static_cast<size_t>(index)].gain = gain;
+            controller.setConfig(std::move(config));
+        });
+        layout->addWidget(slider, 1, Qt::AlignBottom);
+        bandSliders.push_back(slider);
+    }
+    return row;
 }
 
 QWidget* EQPanelView::buildOutputRow()
@@ -319,7 +418,7 @@ QWidget* EQPanelView::buildOutputRow()
         "QSlider::sub-page:horizontal { height: 3px; border-radius: 1px; background: %2; }"
         "QSlider::handle:horizontal { width: 12px; height: 12px; margin: -5px 0; border-radius: 6px;"
         " background: white; }")
-                                    .arg(cssColor(white(0.18)), cssColor(yellow)));
+                                    .arg(cssColor(white(0.18)), cssColor(SORVATheme::yellow())));
     connect(outputSlider, &QSlider::valueChanged, this, [this](int halfSteps) {
         const double gain = halfSteps / 2.0;
         if (controller.config().outputGain == gain)
@@ -350,7 +449,7 @@ QWidget* EQPanelView::buildLoginRow()
     layout->addStretch(1);
     loginSwitch = new SwitchToggle(row);
     loginSwitch->setObjectName(QStringLiteral("loginSwitch"));
-    loginSwitch->setTint(yellow);
+    loginSwitch->setTint(SORVATheme::yellow());
     loginSwitch->setAccessibleName(QStringLiteral("Launch at login"));
     loginSwitch->setChecked(LoginItem::isEnabled());
     // The switch ends up showing what is really in force after the attempt.
@@ -369,7 +468,7 @@ QWidget* EQPanelView::buildFooter()
     auto* reset = new CapsuleButton(QStringLiteral("RESET"), CapsuleButton::Look::filled, row);
     reset->setObjectName(QStringLiteral("resetButton"));
     reset->setFont(panelFont(12, QFont::DemiBold, 1));
-    reset->setColors(ink, yellow);
+    reset->setColors(SORVATheme::ink(), SORVATheme::yellow());
     reset->setPadding(QMargins(0, 10, 0, 10));
     reset->setSizePolicy(QSizePolicy::Expanding, QSizePolicy::Fixed);
     connect(reset, &CapsuleButton::clicked, this, [this] { controller.reset(); });
@@ -413,6 +512,9 @@ void EQPanelView::setActiveBand(int index)
     if (index == activeBandIndex || index < 0 || index >= static_cast<int>(controller.config().bands.size()))
         return;
     activeBandIndex = index;
+    for (size_t i = 0; i < bandSliders.size(); ++i)
+        bandSliders[i]->setActive(static_cast<int>(i) == activeBandIndex);
+    curve->setActive(activeBandIndex);
     refreshReadout();
 }
 
@@ -421,6 +523,7 @@ void EQPanelView::setShowingCredits(bool shown)
     creditsShown = shown;
     credits->setGeometry(rect());
     credits->setVisible(shown);
+    outline->raise();
     if (shown) {
         credits->raise();
         credits->setFocus();
@@ -446,7 +549,10 @@ void EQPanelView::refreshRunning()
     powerSwitch->setChecked(running);
     abPill->setEnabled(running);
     const bool bypassed = controller.isBypassed();
-    abPill->setColors(bypassed ? ink : white(0.7), bypassed ? yellow : white(0.1));
+    abPill->setColors(bypassed ? SORVATheme::ink() : white(0.7), bypassed ? SORVATheme::yellow() : white(0.1));
+    for (VerticalGainSlider* slider : bandSliders)
+        slider->setDimmed(!running);
+    gainDigits->setColor(running ? QColor(Qt::white) : white(0.35));
     refreshReadout();
 }
 
@@ -461,6 +567,12 @@ void EQPanelView::refreshConfig()
     outputValue->setText(outputGainText(config.outputGain));
     if (activeBandIndex >= static_cast<int>(config.bands.size()))
         activeBandIndex = 0;
+    for (size_t i = 0; i < bandSliders.size() && i < config.bands.size(); ++i) {
+        bandSliders[i]->setGain(config.bands[i].gain);
+        bandSliders[i]->setActive(static_cast<int>(i) == activeBandIndex);
+    }
+    curve->setBands(config.bands);
+    curve->setActive(activeBandIndex);
     refreshReadout();
     refreshStatus();
 }
@@ -473,6 +585,7 @@ void EQPanelView::refreshReadout()
     const EQBand& band = bands[static_cast<size_t>(activeBandIndex)];
     bandLabel->setText(QString::fromStdString(band.label));
     frequencyText->setText(frequencyLabel(band.frequency));
+    gainDigits->setText(gainText(band.gain));
 }
 
 void EQPanelView::openSoundSettings()
@@ -482,25 +595,14 @@ void EQPanelView::openSoundSettings()
     QProcess::startDetached(soundSettings.first(), soundSettings.mid(1));
 }
 
-void EQPanelView::paintEvent(QPaintEvent*)
-{
-    QPainter painter(this);
-    painter.setRenderHint(QPainter::Antialiasing);
-    QPainterPath outline;
-    outline.addRoundedRect(QRectF(rect()), 12, 12);
-    painter.setClipPath(outline);
-    QLinearGradient gradient(0, 0, 0, height());
-    gradient.setColorAt(0, QColor(0x1A, 0x10, 0x2E));
-    gradient.setColorAt(1, QColor(0x0B, 0x0A, 0x1E));
-    painter.fillPath(outline, gradient);
-    painter.setPen(QPen(Qt::black, 1.5));
-    painter.drawPath(outline);
-}
-
 void EQPanelView::resizeEvent(QResizeEvent* event)
 {
     QWidget::resizeEvent(event);
+    glass->setGeometry(rect());
+    outline->setGeometry(rect());
+    outline->raise();
     credits->setGeometry(rect());
+    credits->raise();
 }
 
 void EQPanelView::showEvent(QShowEvent* event)

@@ -34,12 +34,19 @@ namespace sorva {
 
 class CapsuleButton;
 class CreditsOverlay;
+class CurveView;
+class DotMatrixText;
+class GlassBackground;
+class SpectrumView;
 class SwitchToggle;
+class VerticalGainSlider;
 
 class EQPanelView final : public QWidget {
     Q_OBJECT
 public:
-    explicit EQPanelView(EQController& controller, QWidget* parent = nullptr);
+    // stylesWindow: attach the window styler (the frameless tray panel);
+    // false for the fallback normal window, which keeps its frame.
+    explicit EQPanelView(EQController& controller, bool stylesWindow = true, QWidget* parent = nullptr);
     ~EQPanelView() override;
 
     static constexpr int panelWidth = 320;
@@ -74,7 +81,6 @@ signals:
     void closeRequested();
 
 protected:
-    void paintEvent(QPaintEvent* event) override;
     void resizeEvent(QResizeEvent* event) override;
     void showEvent(QShowEvent* event) override;
     void hideEvent(QHideEvent* event) override;
@@ -115,6 +121,12 @@ private:
     QLabel* outputValue = nullptr;
     SwitchToggle* loginSwitch = nullptr;
     CreditsOverlay* credits = nullptr;
+    GlassBackground* glass = nullptr;
+    QWidget* outline = nullptr;
+    DotMatrixText* gainDigits = nullptr;
+    SpectrumView* spectrum = nullptr;
+    CurveView* curve = nullptr;
+    std::vector<VerticalGainSlider*> bandSliders;
 };
 
 } // namespace sorva
