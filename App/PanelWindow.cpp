@@ -3,6 +3,7 @@
 #include <QCursor>
 #include <QEvent>
 #include <QGuiApplication>
+#include <QPalette>
 #include <QScreen>
 #include <QVBoxLayout>
 
@@ -33,6 +34,12 @@ PanelWindow::PanelWindow(QWidget* content, Kind kind, QWidget* parent)
         setAttribute(Qt::WA_TranslucentBackground);
     } else {
         setWindowFlags(Qt::Window | Qt::MSWindowsFixedSizeDialogHint);
+        // Around the panel's rounded glass: the brand's ink, not the
+        // desktop theme's grey.
+        QPalette palette = this->palette();
+        palette.setColor(QPalette::Window, QColor(0x00, 0x0B, 0x1A));
+        setPalette(palette);
+        setAutoFillBackground(true);
     }
     auto* layout = new QVBoxLayout(this);
     layout->setContentsMargins(0, 0, 0, 0);
