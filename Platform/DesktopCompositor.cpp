@@ -85,7 +85,9 @@ bool rootHasProperty(xcb_connection_t* c, xcb_window_t root, xcb_atom_t property
 
 bool blendsAlpha()
 {
-    if (onWayland())
+    // Wayland always composites; offscreen and other platforms render into
+    // images that keep their alpha.
+    if (onWayland() || !onX11())
         return true;
 #ifdef SORVA_HAVE_XCB
     if (onX11()) {
@@ -105,7 +107,7 @@ bool blendsAlpha()
         return owned;
     }
 #endif
-    return false;
+    return true;
 }
 
 bool requestBlurBehind(QWindow* window, const QRegion& region)

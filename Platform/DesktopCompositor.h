@@ -1,7 +1,8 @@
 // What the desktop's compositor offers a translucent panel, and the requests
 // that reach past Qt to it. X11 through xcb (KWin's blur-behind property, the
 // compositing manager's selection); Wayland always blends alpha; other
-// platforms (offscreen) take no requests and blend nothing themselves.
+// platforms (offscreen) take no requests.
+// Only X11 without a compositing manager blends nothing.
 // Nothing here fails: where a facility is missing the request is dropped.
 //
 // Threads: the main thread only (Qt's native window handles).

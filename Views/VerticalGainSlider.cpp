@@ -95,7 +95,11 @@ double VerticalGainSlider::gainAt(double y, double trackHeight)
     const double fraction = 1.0 - y / trackHeight;
     if (!(fraction > 0.0))
         return minimumGain;
-    return std::round(std::min(1.0, fraction) * (maximumGain - minimumGain) + minimumGain);
+    const double raw = std::min(1.0, fraction) * (maximumGain - minimumGain) + minimumGain;
+    // A position that maps to an exact half (±2.5 dB) arrives here a few ulps
+    // off it after the division; noise below a nano-decibel is removed first
+    // so that halves round away from zero as they should.
+    return std::round(std::round(raw * 1e9) / 1e9);
 }
 
 QRectF VerticalGainSlider::trackRect() const
