@@ -3,6 +3,7 @@
 #include "Audio/EQLog.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -93,7 +94,9 @@ std::error_code writeAll(int descriptor, const void* data, size_t size)
 std::error_code writeFile(const fs::path& file, const void* first, size_t firstSize, const void* second,
                           size_t secondSize)
 {
-    const int descriptor = ::open(file.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+    // Private to the user, and never written through a symbolic link planted
+    // at the file's name.
+    const int descriptor = ::open(file.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, 0600);
     if (descriptor < 0)
         return lastError();
     std::error_code error = writeAll(descriptor, first, firstSize);
@@ -226,8 +229,17 @@ std::optional<DiagnosticRecorder::CaptureFiles> DiagnosticRecorder::markEvent(co
     raw.resize(static_cast<size_t>(frames * channels));
     processed.resize(static_cast<size_t>(frames * channels));
 
+    // The folder is made private; a symbolic link in its place is not
+    // followed (the writes below then fail and the capture is logged as
+    // failed).
     std::error_code ignored;
-    fs::create_directories(directory, ignored);
+    fs::create_directories(directory.parent_path(), ignored);
+    ::mkdir(directory.c_str(), 0700);
+    struct stat folder {};
+    if (::lstat(directory.c_str(), &folder) == 0 && S_ISLNK(folder.st_mode)) {
+        EQLog::trace("diagnostic capture failed: " + directory.string() + " is a symbolic link");
+        return std::nullopt;
+    }
 
     const auto now = wallClock();
     const std::string base = safeForFileName(formatUtc(now, "%Y-%m-%dT%H:%M:%SZ") + "-" + label);
