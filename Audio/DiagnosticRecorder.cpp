@@ -206,9 +206,12 @@ std::optional<DiagnosticRecorder::CaptureFiles> DiagnosticRecorder::markEvent(co
                                                                               const fs::path& directory,
                                                                               const std::string& extraContext)
 {
-    // Allocate outside the lock: the audio thread may be waiting for it.
-    std::vector<float> raw(rawRing.size());
-    std::vector<float> processed(processedRing.size());
+    std::lock_guard captureGuard(captureLock);
+    // Allocated outside the audio thread's lock, which it may be waiting for.
+    if (rawCopy.empty()) {
+        rawCopy.resize(rawRing.size());
+        processedCopy.resize(processedRing.size());
+    }
     int64_t frames = 0;
     {
         std::lock_guard guard(lock);
@@ -218,20 +221,18 @@ std::optional<DiagnosticRecorder::CaptureFiles> DiagnosticRecorder::markEvent(co
         const auto firstBegin = static_cast<ptrdiff_t>(start * channels);
         const auto firstEnd = static_cast<ptrdiff_t>((start + firstRun) * channels);
         const auto secondEnd = static_cast<ptrdiff_t>((frames - firstRun) * channels);
-        std::copy(rawRing.begin() + firstBegin, rawRing.begin() + firstEnd, raw.begin());
-        std::copy(rawRing.begin(), rawRing.begin() + secondEnd, raw.begin() + (firstEnd - firstBegin));
-        std::copy(processedRing.begin() + firstBegin, processedRing.begin() + firstEnd, processed.begin());
+        std::copy(rawRing.begin() + firstBegin, rawRing.begin() + firstEnd, rawCopy.begin());
+        std::copy(rawRing.begin(), rawRing.begin() + secondEnd, rawCopy.begin() + (firstEnd - firstBegin));
+        std::copy(processedRing.begin() + firstBegin, processedRing.begin() + firstEnd, processedCopy.begin());
         std::copy(processedRing.begin(), processedRing.begin() + secondEnd,
-                  processed.begin() + (firstEnd - firstBegin));
+                  processedCopy.begin() + (firstEnd - firstBegin));
     }
     if (frames < 1)
         return std::nullopt;
-    raw.resize(static_cast<size_t>(frames * channels));
-    processed.resize(static_cast<size_t>(frames * channels));
+    const auto count = static_cast<size_t>(frames * channels);
+    const std::span<const float> raw(rawCopy.data(), count);
+    const std::span<const float> processed(processedCopy.data(), count);
 
-    // The folder is made private; a symbolic link in its place is not
-    // followed (the writes below then fail and the capture is logged as
-    // failed).
     std::error_code ignored;
     fs::create_directories(directory.parent_path(), ignored);
     ::mkdir(directory.c_str(), 0700);
@@ -302,7 +303,7 @@ void DiagnosticRecorder::prune(const fs::path& directory, int64_t keepingNewest)
     }
 }
 
-std::error_code DiagnosticRecorder::writeWAV(const std::vector<float>& samples, int64_t channels, double sampleRate,
+std::error_code DiagnosticRecorder::writeWAV(std::span<const float> samples, int64_t channels, double sampleRate,
                                              const fs::path& file)
 {
     const uint64_t dataSize = samples.size() * sizeof(float);
