@@ -3,6 +3,7 @@
 #include "Audio/EQLog.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -93,7 +94,9 @@ std::error_code writeAll(int descriptor, const void* data, size_t size)
 std::error_code writeFile(const fs::path& file, const void* first, size_t firstSize, const void* second,
                           size_t secondSize)
 {
-    const int descriptor = ::open(file.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+    // Private to the user, and never written through a symbolic link planted
+    // at the file's name.
+    const int descriptor = ::open(file.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, 0600);
     if (descriptor < 0)
         return lastError();
     std::error_code error = writeAll(descriptor, first, firstSize);
@@ -203,9 +206,12 @@ std::optional<DiagnosticRecorder::CaptureFiles> DiagnosticRecorder::markEvent(co
                                                                               const fs::path& directory,
                                                                               const std::string& extraContext)
 {
-    // Allocate outside the lock: the audio thread may be waiting for it.
-    std::vector<float> raw(rawRing.size());
-    std::vector<float> processed(processedRing.size());
+    std::lock_guard captureGuard(captureLock);
+    // Allocated outside the audio thread's lock, which it may be waiting for.
+    if (rawCopy.empty()) {
+        rawCopy.resize(rawRing.size());
+        processedCopy.resize(processedRing.size());
+    }
     int64_t frames = 0;
     {
         std::lock_guard guard(lock);
@@ -215,19 +221,26 @@ std::optional<DiagnosticRecorder::CaptureFiles> DiagnosticRecorder::markEvent(co
         const auto firstBegin = static_cast<ptrdiff_t>(start * channels);
         const auto firstEnd = static_cast<ptrdiff_t>((start + firstRun) * channels);
         const auto secondEnd = static_cast<ptrdiff_t>((frames - firstRun) * channels);
-        std::copy(rawRing.begin() + firstBegin, rawRing.begin() + firstEnd, raw.begin());
-        std::copy(rawRing.begin(), rawRing.begin() + secondEnd, raw.begin() + (firstEnd - firstBegin));
-        std::copy(processedRing.begin() + firstBegin, processedRing.begin() + firstEnd, processed.begin());
+        std::copy(rawRing.begin() + firstBegin, rawRing.begin() + firstEnd, rawCopy.begin());
+        std::copy(rawRing.begin(), rawRing.begin() + secondEnd, rawCopy.begin() + (firstEnd - firstBegin));
+        std::copy(processedRing.begin() + firstBegin, processedRing.begin() + firstEnd, processedCopy.begin());
         std::copy(processedRing.begin(), processedRing.begin() + secondEnd,
-                  processed.begin() + (firstEnd - firstBegin));
+                  processedCopy.begin() + (firstEnd - firstBegin));
     }
     if (frames < 1)
         return std::nullopt;
-    raw.resize(static_cast<size_t>(frames * channels));
-    processed.resize(static_cast<size_t>(frames * channels));
+    const auto count = static_cast<size_t>(frames * channels);
+    const std::span<const float> raw(rawCopy.data(), count);
+    const std::span<const float> processed(processedCopy.data(), count);
 
     std::error_code ignored;
-    fs::create_directories(directory, ignored);
+    fs::create_directories(directory.parent_path(), ignored);
+    ::mkdir(directory.c_str(), 0700);
+    struct stat folder {};
+    if (::lstat(directory.c_str(), &folder) == 0 && S_ISLNK(folder.st_mode)) {
+        EQLog::trace("diagnostic capture failed: " + directory.string() + " is a symbolic link");
+        return std::nullopt;
+    }
 
     const auto now = wallClock();
     const std::string base = safeForFileName(formatUtc(now, "%Y-%m-%dT%H:%M:%SZ") + "-" + label);
@@ -290,7 +303,7 @@ void DiagnosticRecorder::prune(const fs::path& directory, int64_t keepingNewest)
     }
 }
 
-std::error_code DiagnosticRecorder::writeWAV(const std::vector<float>& samples, int64_t channels, double sampleRate,
+std::error_code DiagnosticRecorder::writeWAV(std::span<const float> samples, int64_t channels, double sampleRate,
                                              const fs::path& file)
 {
     const uint64_t dataSize = samples.size() * sizeof(float);

@@ -20,7 +20,9 @@
 #include <filesystem>
 #include <functional>
 #include <memory>
+#include <mutex>
 #include <optional>
+#include <span>
 #include <string>
 #include <system_error>
 #include <vector>
@@ -75,7 +77,7 @@ private:
     void prune(const std::filesystem::path& directory, int64_t keepingNewest);
     // Writes the 44-byte header and the samples in one piece; returns the
     // failure, or an empty error code.
-    static std::error_code writeWAV(const std::vector<float>& samples, int64_t channels, double sampleRate,
+    static std::error_code writeWAV(std::span<const float> samples, int64_t channels, double sampleRate,
                                     const std::filesystem::path& file);
 
     std::vector<float> rawRing;
@@ -86,6 +88,13 @@ private:
     MainExecutor& mainExecutor;
     WallClock wallClock;
     std::unique_ptr<MainExecutor::Timer> flushTimer;
+    // markEvent's copies of the history, made once at the first capture and
+    // reused: a fresh pair of multi-megabyte arrays every minute would leave
+    // the allocator holding their pages after a few captures, so the
+    // process's memory would creep instead of staying flat.
+    std::mutex captureLock;
+    std::vector<float> rawCopy;
+    std::vector<float> processedCopy;
     // Last member: destroyed first, so queued captures finish while the
     // rings still exist.
     SerialQueue flushQueue;

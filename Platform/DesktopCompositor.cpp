@@ -45,12 +45,12 @@ xcb_atom_t atom(xcb_connection_t* c, const std::string& name, bool onlyIfExists)
 
 xcb_screen_t* defaultScreen(xcb_connection_t* c, int* number)
 {
-    // The screen number of $DISPLAY, the one Qt connected to. xcb fills in
-    // the host name even when only the screen is wanted.
+    // xcb_parse_display writes the host and display number through its
+    // pointers: they must not be null.
     int screenNumber = 0;
     char* host = nullptr;
-    int display = 0;
-    if (xcb_parse_display(nullptr, &host, &display, &screenNumber) == 0)
+    int displayNumber = 0;
+    if (xcb_parse_display(nullptr, &host, &displayNumber, &screenNumber) == 0)
         screenNumber = 0;
     std::free(host);
     xcb_screen_iterator_t it = xcb_setup_roots_iterator(xcb_get_setup(c));

@@ -1,0 +1,27 @@
+// A private scratch folder for one fuzz process, removed at exit, and the
+// log pointed into it so that fuzzing never touches the user's log.
+#pragma once
+
+#include "Audio/EQLog.h"
+
+#include <cstdlib>
+#include <filesystem>
+#include <string>
+
+namespace sorva::fuzzing {
+
+inline const std::filesystem::path& scratchFolder()
+{
+    static const std::filesystem::path folder = [] {
+        std::string pattern = (std::filesystem::temp_directory_path() / "sorva-fuzz-XXXXXX").string();
+        if (!::mkdtemp(pattern.data()))
+            std::abort();
+        std::filesystem::path made = pattern;
+        EQLog::setDirectoryForTesting(made / "log");
+        std::atexit([] { std::error_code ignored; std::filesystem::remove_all(scratchFolder(), ignored); });
+        return made;
+    }();
+    return folder;
+}
+
+} // namespace sorva::fuzzing
