@@ -2,6 +2,7 @@
 
 #include "Views/SORVATheme.h"
 
+#include <QFocusEvent>
 #include <QFontMetricsF>
 #include <QKeyEvent>
 #include <QMouseEvent>
@@ -182,7 +183,7 @@ void VerticalGainSlider::paintEvent(QPaintEvent*)
     painter->setPen(Qt::NoPen);
     painter->setBrush(Qt::white);
     painter->drawEllipse(knob);
-    if (hasFocus()) {
+    if (hasFocus() && keyboardFocus) {
         painter->setBrush(Qt::NoBrush);
         painter->setPen(QPen(SORVATheme::white(0.6), 1));
         painter->drawEllipse(knob.adjusted(-2.5, -2.5, 2.5, 2.5));
@@ -271,6 +272,19 @@ void VerticalGainSlider::keyPressEvent(QKeyEvent* event)
     emit touched();
     editTo(std::clamp(next, minimumGain, maximumGain));
     event->accept();
+}
+
+void VerticalGainSlider::focusInEvent(QFocusEvent* event)
+{
+    keyboardFocus = event->reason() == Qt::TabFocusReason || event->reason() == Qt::BacktabFocusReason
+        || event->reason() == Qt::ShortcutFocusReason;
+    QWidget::focusInEvent(event);
+}
+
+void VerticalGainSlider::focusOutEvent(QFocusEvent* event)
+{
+    keyboardFocus = false;
+    QWidget::focusOutEvent(event);
 }
 
 void VerticalGainSlider::editTo(double gain)

@@ -70,6 +70,8 @@ protected:
     void mouseMoveEvent(QMouseEvent* event) override;
     void mouseReleaseEvent(QMouseEvent* event) override;
     void keyPressEvent(QKeyEvent* event) override;
+    void focusInEvent(QFocusEvent* event) override;
+    void focusOutEvent(QFocusEvent* event) override;
 
 private:
     void editTo(double gain);
@@ -82,6 +84,9 @@ private:
     double trackHeightValue = 116.0;
     double trackWidthValue = 5.0;
     bool dragging = false;
+    // The focus ring shows only for focus that came from the keyboard (Tab),
+    // not for the focus a window gives its first control when it opens.
+    bool keyboardFocus = false;
 };
 
 } // namespace sorva
