@@ -213,9 +213,9 @@ std::optional<DiagnosticRecorder::CaptureFiles> DiagnosticRecorder::markEvent(co
         processedCopy.resize(processedRing.size());
     }
     // The history is copied a slice at a time, oldest first, so that the
-    // audio thread never waits for more than one slice (a whole 12-second
-    // copy under the lock took 5 to 19 ms on a loaded machine: late
-    // callbacks at 5 ms buffers). The capture ends where the history ended
+    // audio thread never waits for more than one slice (about 0.1 ms) where
+    // it would wait for a whole 12-second copy (milliseconds: a late
+    // callback at 5 ms buffers). The capture ends where the history ended
     // when it began. Should the audio thread overwrite frames not yet copied
     // (this thread stalled for seconds), the capture starts again from the
     // oldest frame still held; after a few such restarts the rest is copied
