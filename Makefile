@@ -12,7 +12,7 @@ CMAKE_ARGS ?=
 FUZZ_SECONDS ?= 300
 FUZZ_SMOKE_SECONDS ?= 5
 
-.PHONY: all deps build run test bench sanitize fuzz fuzz-build fuzz-smoke clean
+.PHONY: all deps build run test bench sanitize fuzz fuzz-build fuzz-smoke clean install package
 
 all: build
 
@@ -28,6 +28,17 @@ build: deps $(BUILD)/CMakeCache.txt
 
 run: build
 	@scripts/run-sorva $(BUILD)
+
+# For this user only: ~/.local/bin/sorva, its menu entry and its icon.
+PREFIX ?= $(HOME)/.local
+install: build
+	cmake --install $(BUILD) --prefix $(PREFIX)
+	-@command -v update-desktop-database >/dev/null && update-desktop-database -q $(PREFIX)/share/applications
+	-@command -v gtk-update-icon-cache >/dev/null && gtk-update-icon-cache -q -t $(PREFIX)/share/icons/hicolor
+
+# The Debian package: $(BUILD)/sorva_VERSION_ARCH.deb, for `apt install ./sorva_*.deb`.
+package: build
+	cd $(BUILD) && cpack -G DEB
 
 # Sanitizer builds of everything that runs without Qt: the DSP blocks, the log,
 # the lifecycle coordinator, the engines on the simulated backend.

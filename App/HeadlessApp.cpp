@@ -1,11 +1,11 @@
 #include "App/HeadlessApp.h"
 
+#include "App/SimulatedSystem.h"
+
 #include "Audio/EQController.h"
 #include "Audio/EQLog.h"
 #include "Platform/QtMainExecutor.h"
-#include "Platform/Simulated/SimulatedAudioHardware.h"
 #include "Platform/Simulated/SimulatedOutputEngine.h"
-#include "Platform/Simulated/SimulatedRealtimeDriver.h"
 #include "Platform/TerminationSignals.h"
 
 #include <QCoreApplication>
@@ -36,23 +36,6 @@ bool autostartRequested(const char* value)
 }
 
 namespace {
-
-// The simulated audio system of the demo mode: one output device, one program
-// that plays, and a driver that runs the IO cycles at real-time pace with a
-// generated music-like input.
-struct SimulatedSystem {
-    std::shared_ptr<SimulatedAudioHardware> hardware = std::make_shared<SimulatedAudioHardware>();
-    std::unique_ptr<SimulatedRealtimeDriver> driver;
-
-    SimulatedSystem()
-    {
-        hardware->addOutputDevice("Simulated Speakers", "sorva-simulated-speakers", 48000.0, 512);
-        // A program other than this one that is playing, so that the
-        // supervision sees audio activity.
-        hardware->addProcess(static_cast<int32_t>(::getpid()) + 1, true, std::string("org.sorva.demo-player"));
-        driver = std::make_unique<SimulatedRealtimeDriver>(*hardware, 48000.0, 512);
-    }
-};
 
 const char* signalName(int signalNumber)
 {
