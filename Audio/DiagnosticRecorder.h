@@ -3,7 +3,8 @@
 // writes both as 32-bit float WAV files plus a context text file into the
 // diagnostics folder, keeping only the newest captures.
 //
-// Threading: push() runs on the audio thread and takes `lock` for the copy
+// Threading: push() runs on the audio thread and takes `lock` (with priority
+// inheritance) for the copy
 // (no allocation, no logging). startContinuousCapture()/stopContinuousCapture()
 // and the destructor run on the main thread; the timer ticks and the context
 // provider run there too. All file work runs on the serial queue
@@ -13,7 +14,7 @@
 
 #include "Platform/MainExecutor.h"
 #include "Platform/SerialQueue.h"
-#include "Platform/UnfairLock.h"
+#include "Platform/PriorityInheritanceMutex.h"
 
 #include <chrono>
 #include <cstdint>
@@ -84,7 +85,9 @@ private:
     std::vector<float> processedRing;
     int64_t writeIndex = 0;
     int64_t totalFramesWritten = 0;
-    UnfairLock lock;
+    // Priority inheritance: the capture thread, holding it for a slice of
+    // the copy, runs at the audio thread's priority while that waits.
+    PriorityInheritanceMutex lock;
     MainExecutor& mainExecutor;
     WallClock wallClock;
     std::unique_ptr<MainExecutor::Timer> flushTimer;
