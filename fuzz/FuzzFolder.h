@@ -16,7 +16,7 @@ inline const std::filesystem::path& scratchFolder()
         std::string pattern = (std::filesystem::temp_directory_path() / "sorva-fuzz-XXXXXX").string();
         if (!::mkdtemp(pattern.data()))
             std::abort();
-        std::filesystem::path made = pattern;
+        std::filesystem::path made = std::filesystem::absolute(pattern);
         EQLog::setDirectoryForTesting(made / "log");
         std::atexit([] { std::error_code ignored; std::filesystem::remove_all(scratchFolder(), ignored); });
         return made;

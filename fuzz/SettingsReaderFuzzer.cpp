@@ -33,6 +33,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     const fs::path home = fuzzing::scratchFolder() / std::to_string(run++);
     ::setenv("XDG_CONFIG_HOME", home.c_str(), 1);
     const fs::path file = EQSettings::filePath();
+    // Never anywhere but the scratch folder (a relative folder would send
+    // the reader to the real ~/.config).
+    if (!file.string().starts_with(home.string() + "/"))
+        fail("the settings file is outside the scratch folder");
     fs::create_directories(file.parent_path());
     const std::string bytes(reinterpret_cast<const char*>(data), size);
     std::ofstream(file, std::ios::binary) << bytes;
