@@ -141,3 +141,20 @@ daemons_request() {
 generation_changed() { [ "$(daemons_generation)" != "$1" ]; }
 kill_daemons() { daemons_request USR1; }
 start_daemons() { daemons_request USR2; }
+
+# Records the monitor of sink NODE (by node.name) and appends to FILE the time
+# (ms) each time sound starts there after silence (scripts/drills/first-sound.py).
+watch_sink() {
+  local node=$1 file=$2
+  : >"$file"
+  pw-cat --record --format f32 --rate 48000 --channels 2 --latency 10ms --target "$node" \
+    -P "{ stream.capture.sink=true node.name=\"watch-$node\" }" - 2>>"$LOGS/players.log" \
+    | python3 "$SORVA_SOURCE/scripts/drills/first-sound.py" "$file" &
+  PLAYER_PIDS+=($!)
+}
+# The first time (ms) after T0 at which sound started in FILE, or nothing.
+sound_since() { awk -v t0="$2" '$1 >= t0 { print $1 - t0; exit }' "$1"; }
+# Switches the default output to the sink named NAME.
+set_default_sink() {
+  pw-metadata -n default 0 default.configured.audio.sink "{ \"name\": \"$1\" }" >/dev/null
+}
