@@ -156,5 +156,5 @@ watch_sink() {
 sound_since() { awk -v t0="$2" '$1 >= t0 { print $1 - t0; exit }' "$1"; }
 # Switches the default output to the sink named NAME.
 set_default_sink() {
-  pw-metadata -n default 0 default.configured.audio.sink "{ \"name\": \"$1\" }" >/dev/null
+  pw-metadata -n default 0 default.configured.audio.sink "{ \"name\": \"$1\" }" Spa:String:JSON >/dev/null
 }
