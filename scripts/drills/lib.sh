@@ -158,3 +158,12 @@ sound_since() { awk -v t0="$2" '$1 >= t0 { print $1 - t0; exit }' "$1"; }
 set_default_sink() {
   pw-metadata -n default 0 default.configured.audio.sink "{ \"name\": \"$1\" }" Spa:String:JSON >/dev/null
 }
+# The id of the node named NAME (node.name), or nothing (status 1).
+node_id() {
+  pw-dump Node 2>/dev/null | NAME=$1 python3 -c '
+import json, os, sys
+for o in json.load(sys.stdin):
+    if o.get("info", {}).get("props", {}).get("node.name") == os.environ["NAME"]:
+        print(o["id"]); sys.exit(0)
+sys.exit(1)'
+}
