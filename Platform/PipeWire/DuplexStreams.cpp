@@ -124,8 +124,11 @@ void DuplexStreams::stateChanged(void* self, pw_stream_state, pw_stream_state st
     streams.*field = state;
     if (error)
         streams.streamError = error;
-    if (field == &DuplexStreams::tapState)
+    if (field == &DuplexStreams::tapState) {
+        if (state != PW_STREAM_STATE_STREAMING)
+            streams.resumed.store(true, std::memory_order_relaxed);
         streams.observer.tapStateChanged();
+    }
     pw_thread_loop_signal(streams.graph.loop(), false);
 }
 
@@ -309,7 +312,8 @@ void DuplexStreams::duplexCycle() noexcept
             // procedure writes every sample of the output.
             inBuffer = { 2, frames * bytesPerFrame, input->samples };
             outBuffer = { 2, frames * bytesPerFrame, od.data };
-            AudioTimeStamp now { hostTicks(), rtSampleTime };
+            AudioTimeStamp now { hostTicks(), rtSampleTime,
+                                 resumed.exchange(false, std::memory_order_relaxed) ? kAudioTimeStampResumed : 0u };
             rtProc(rtContext, &now, &inList, &now, &outList, &now);
         } else {
             std::memset(od.data, 0, frames * bytesPerFrame);
@@ -337,7 +341,8 @@ void DuplexStreams::captureCycle() noexcept
     std::optional<Filled> input = filled(in);
     if (input && rtRunning && rtProc) {
         inBuffer = { 2, input->frames * bytesPerFrame, input->samples };
-        AudioTimeStamp now { hostTicks(), rtSampleTime };
+        AudioTimeStamp now { hostTicks(), rtSampleTime,
+                             resumed.exchange(false, std::memory_order_relaxed) ? kAudioTimeStampResumed : 0u };
         rtProc(rtContext, &now, &inList, &now, &noBuffers, &now);
         rtSampleTime += input->frames;
     }

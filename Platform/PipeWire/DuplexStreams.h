@@ -116,6 +116,9 @@ private:
     AudioBufferList outList { 1, &outBuffer };
     AudioBufferList noBuffers { 0, nullptr };
 
+    // Set when the tap leaves the streaming state (the graph paused or
+    // suspended it); the next cycle reports it and clears it.
+    std::atomic<bool> resumed { false };
     std::atomic<uint32_t> rate { 0 };
     std::atomic<uint32_t> cycleFrames { 0 };
 };
