@@ -532,13 +532,13 @@ void EQController::poll()
     if (signal)
         hasEverCapturedSignal = true;
 
-    // Digital silence is what some programs play, and an idle graph runs no
-    // cycles at all (our passive streams are suspended with everything
-    // else). Neither is a fault: only a tap that delivers no frames while
-    // another program plays is wedged. Until then the silence counters and
-    // the permission grace period stand still.
-    bool wedged = frames <= 0 && !signal && AudioActivity::isAnyProcessPlaying(*environment.hardware);
-    if (!wedged) {
+    // A PipeWire graph with nothing to play runs no cycles at all: our
+    // passive streams are suspended with everything else and the engine sees
+    // no frames. Such a second is no observation of the tap, so it neither
+    // counts as silence nor runs down the permission grace period; a program
+    // that starts after a quiet spell therefore finds the counters at zero.
+    bool graphIdle = frames <= 0 && !signal && !AudioActivity::isAnyProcessPlaying(*environment.hardware);
+    if (graphIdle) {
         silentSeconds = 0;
         recoveredThisSilence = false;
         refreshedThisSilence = false;
@@ -562,9 +562,12 @@ void EQController::poll()
         refreshedThisSilence = false;
         restartTimestamps.clear();
         next = Status::capturing(peak, lateCallbacks);
-    } else if (wedged) {
+    } else if (!graphIdle) {
         silentSeconds += 1;
-        if (buffered && silentSeconds >= 2 && !refreshedThisSilence) {
+        // Each condition is checked only while the earlier ones hold, so the
+        // process list is read only when the counters allow an action.
+        if (buffered && silentSeconds >= 2 && !refreshedThisSilence
+            && AudioActivity::isAnyProcessPlaying(*environment.hardware)) {
             refreshedThisSilence = true;
             if (buffered->refreshTap()) {
                 EQLog::trace("tap silent while audio plays — refreshed in place");
@@ -572,7 +575,8 @@ void EQController::poll()
             }
         }
         int64_t threshold = buffered ? 5 : 2;
-        if (silentSeconds >= threshold && !recoveredThisSilence) {
+        if (silentSeconds >= threshold && !recoveredThisSilence
+            && AudioActivity::isAnyProcessPlaying(*environment.hardware)) {
             recoveredThisSilence = true;
             EQLog::trace(format("tap still silent after %llds — restarting", static_cast<long long>(silentSeconds)));
             requestRestart(AudioLifecycleTrigger::tapWedged);
