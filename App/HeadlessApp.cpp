@@ -16,6 +16,8 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <optional>
+#include <string>
 #include <unistd.h>
 
 namespace sorva {
@@ -71,6 +73,18 @@ int runHeadless(int argc, char** argv, const HeadlessOptions& options)
     }
     EQController::setSharedEnvironment(std::move(environment));
     EQController& controller = EQController::shared();
+
+    // Without a panel the log is where the status shows: each change of kind
+    // (or of a failure's message), not each second's new peak.
+    QObject::connect(&controller, &EQController::statusChanged, &app,
+                     [last = std::optional<EQController::Status>()](const EQController::Status& status) mutable {
+                         if (last && last->kind == status.kind && last->message == status.message)
+                             return;
+                         last = status;
+                         std::string text = status.kind == EQController::Status::Case::capturing ? "capturing"
+                                                                                                 : status.description();
+                         EQLog::trace("status: " + text);
+                     });
 
     TerminationSignals termination;
     QObject::connect(&termination, &TerminationSignals::received, &app, [&controller](int signalNumber) {
