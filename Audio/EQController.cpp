@@ -102,7 +102,9 @@ EQController::Environment EQController::productionEnvironment(std::string* probl
     environment.monotonicClock = monotonicNanoseconds;
     environment.makeOutputEngine = [] { return std::make_unique<PipeWireOutputEngine>(); };
     auto hardware = std::make_shared<PipeWireAudioHardware>();
-    if (hardware->isConnected()) {
+    // A daemon that refuses us is there: the controller reports the refusal
+    // as the permission status instead of the program giving up.
+    if (hardware->isConnected() || hardware->accessRefused()) {
         environment.hardware = std::move(hardware);
     } else if (problem) {
         const char* runtime = std::getenv("XDG_RUNTIME_DIR");
