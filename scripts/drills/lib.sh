@@ -167,3 +167,15 @@ for o in json.load(sys.stdin):
         print(o["id"]); sys.exit(0)
 sys.exit(1)'
 }
+# The id of the output stream of the program named NAME (application.name).
+stream_of() {
+  pw-dump Node 2>/dev/null | NAME=$1 python3 -c '
+import json, os, sys
+for o in json.load(sys.stdin):
+    p = o.get("info", {}).get("props", {})
+    if p.get("application.name") == os.environ["NAME"] and p.get("media.class") == "Stream/Output/Audio":
+        print(o["id"]); sys.exit(0)
+sys.exit(1)'
+}
+# A stream's target keys in the "default" metadata, if any.
+targets_of() { pw-metadata -n default "$1" 2>/dev/null | grep -oE "key:'target\.(object|node)' value:'[^']*'"; }
