@@ -3,6 +3,7 @@
 #include "Audio/AudioLifecycleCoordinator.h"
 #include "Audio/AudioTapError.h"
 #include "Audio/BufferedEQProcessor.h"
+#include "Audio/DeviceListeners.h"
 #include "Audio/EQLog.h"
 #include "Audio/OutputDevice.h"
 #include "Audio/SystemEQProcessor.h"
@@ -585,6 +586,11 @@ void EQController::poll()
             return;
         }
     }
+    // With no output at all PipeWire parks our output stream and links it to
+    // the next sink that appears, so the engine stays; the status says what
+    // is missing, in the words of a start that finds no output.
+    if (DeviceListeners::currentDefaultDevice(*environment.hardware) == kAudioObjectUnknown)
+        next = Status::failed(AudioTapError::osStatus("No default output device", -1).errorDescription());
     setStatus(std::move(next));
     EQLog::trace(format("frames %lld/s · peak %.4f · late %lld/%lld · maxGap %.1fms · work %.2fms%s",
                         static_cast<long long>(frames), static_cast<double>(peak), static_cast<long long>(lateCallbacks),
