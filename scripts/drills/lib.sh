@@ -42,7 +42,13 @@ drill_cleanup() {
 
 # The one line on stdout, then the exit status.
 drill_pass() { echo "$DRILL: $* PASS"; exit 0; }
-drill_fail() { echo "$DRILL: $* FAIL"; echo "FAIL: $*" >&2; exit 1; }
+drill_fail() {
+  echo "$DRILL: $* FAIL"
+  echo "FAIL: $*" >&2
+  # where everything played at that moment
+  links >&2
+  exit 1
+}
 
 note() { echo "[$(date +%T.%N | cut -c1-12)] $*" >&2; }
 
