@@ -2,7 +2,7 @@
 // (ManualMainExecutor), so start, stop and publications run only when a test runs the main queue; time comes
 // from a fake clock and retry delays from a fake sleeper, so nothing waits for real beyond a few milliseconds.
 #include "Audio/AudioLifecycleCoordinator.h"
-#include "Audio/EQLog.h"
+#include "EngineTestSupport.h"
 #include "Platform/ManualMainExecutor.h"
 
 #include <gtest/gtest.h>
@@ -34,19 +34,10 @@ const Request restart = [](AudioLifecycleCoordinator& c) { return c.restart(Audi
 
 class AudioLifecycleCoordinatorTest : public ::testing::Test {
 public:
-    AudioLifecycleCoordinatorTest()
-    {
-        EQLog::setObserver([this](const std::string& line) {
-            std::lock_guard guard(logLock);
-            if (line.rfind("actor:", 0) == 0)
-                logLines.push_back(line);
-        });
-        fresh();
-    }
+    AudioLifecycleCoordinatorTest() { fresh(); }
     ~AudioLifecycleCoordinatorTest() override
     {
         coordinator.reset();
-        EQLog::setObserver({});
         EXPECT_EQ(overlappingStarts, 0) << "an engine was started while it ran";
     }
 
@@ -56,7 +47,7 @@ public:
         coordinator.reset();
         main.runPending();
         events.clear();
-        clearLog();
+        log.clear();
         startCalls = 0;
         startFails = engineRunning = blockSleeps = false;
         delays.clear();
@@ -109,18 +100,12 @@ public:
         }
     }
 
-    size_t logged(const std::string& prefix) // lines starting with prefix
-    {
-        std::lock_guard guard(logLock);
-        return size_t(std::count_if(logLines.begin(), logLines.end(), [&](auto& l) { return l.rfind(prefix, 0) == 0; }));
-    }
-    void clearLog() { std::lock_guard guard(logLock); logLines.clear(); }
+    size_t logged(const std::string& prefix) { return size_t(log.count(prefix, true)); }
     Events take() { return std::exchange(events, {}); }
     std::vector<uint64_t> sleeps() { std::lock_guard guard(sleepLock); return delays; }
     void releaseOneSleep() { std::lock_guard guard(sleepLock); ++releases; sleepReleased.notify_all(); }
 
-    std::mutex logLock;
-    Events logLines;
+    LogLines log;
     ManualMainExecutor main;
     std::atomic<uint64_t> clock { 1000 * second };
     std::mutex sleepLock;
