@@ -2,7 +2,10 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <limits>
+#include <thread>
+#include <vector>
 
 using namespace sorva;
 
@@ -19,4 +22,28 @@ TEST(StreamStats, SnapshotReturnsFramesAndPeakSinceTheLastOne)
     snapshot = stats.snapshot();
     EXPECT_EQ(snapshot.frames, 0);
     EXPECT_EQ(snapshot.peak, 0.0f);
+}
+
+TEST(StreamStats, NothingIsLostBetweenRecordAndSnapshotOnTwoThreads)
+{
+    StreamStats stats;
+    std::vector<float> block(1024, 0.25f);
+    block[7] = -0.5f;
+    std::atomic<bool> done { false };
+    std::thread audio([&] {
+        for (int i = 0; i < 5000; ++i)
+            stats.record(block.data(), 1024, 512);
+        done = true;
+    });
+    int64_t frames = 0;
+    float peak = 0;
+    for (bool last = false; !last;) {
+        last = done.load(); // one more snapshot after the last record
+        const auto s = stats.snapshot();
+        frames += s.frames;
+        peak = std::max(peak, s.peak);
+    }
+    audio.join();
+    EXPECT_EQ(frames, 5000 * 512);
+    EXPECT_EQ(peak, 0.5f);
 }
