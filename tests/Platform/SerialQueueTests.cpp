@@ -4,7 +4,10 @@
 
 #include <gtest/gtest.h>
 
+#include <memory>
+#include <thread>
 #include <unistd.h>
+#include <vector>
 
 using namespace sorva;
 
