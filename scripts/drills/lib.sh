@@ -8,6 +8,11 @@
 # SORVA runs headless with its own configuration, state and temporary
 # folders (those of the session), so its log is the drill's $LOGS/sorva.log.
 
+# The system's tools first: a version manager's python3 shim on PATH can take
+# seconds to start on a loaded machine, longer than a watcher may take to see
+# sound.
+[ -x /usr/bin/python3 ] && export PATH="/usr/bin:$PATH"
+
 drill_begin() {
   DRILL=$1
   shift
