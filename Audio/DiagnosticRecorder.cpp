@@ -174,6 +174,31 @@ void DiagnosticRecorder::push(const float* raw, const float* processed, int64_t 
     totalFramesWritten += frames;
 }
 
+void DiagnosticRecorder::pushPlanar(const float* rawLeft, const float* rawRight, const float* processedLeft,
+                                    const float* processedRight, int64_t frames) noexcept
+{
+    if (!rawLeft || !rawRight || !processedLeft || !processedRight || frames < 1 || channels != 2)
+        return;
+    std::lock_guard guard(lock);
+    int64_t slot = writeIndex;
+    int64_t done = 0;
+    while (done < frames) {
+        const int64_t run = std::min(frames - done, capacityFrames - slot);
+        float* raw = rawRing.data() + slot * 2;
+        float* processed = processedRing.data() + slot * 2;
+        for (int64_t i = 0; i < run; ++i) {
+            raw[2 * i] = rawLeft[done + i];
+            raw[2 * i + 1] = rawRight[done + i];
+            processed[2 * i] = processedLeft[done + i];
+            processed[2 * i + 1] = processedRight[done + i];
+        }
+        done += run;
+        slot = (slot + run) % capacityFrames;
+    }
+    writeIndex = (writeIndex + frames) % capacityFrames;
+    totalFramesWritten += frames;
+}
+
 void DiagnosticRecorder::startContinuousCapture(fs::path directory, double chunkSeconds, int64_t retainChunks,
                                                 std::function<std::string()> contextProvider)
 {

@@ -50,6 +50,10 @@ public:
 
     // Two interleaved blocks of frames × channels samples. Audio thread.
     void push(const float* raw, const float* processed, int64_t frames) noexcept;
+    // The same from planar stereo blocks (a recorder of two channels; any
+    // other ignores them). Audio thread.
+    void pushPlanar(const float* rawLeft, const float* rawRight, const float* processedLeft,
+                    const float* processedRight, int64_t frames) noexcept;
 
     // Replaces any running timer by one that captures "chunk" every
     // chunkSeconds and then keeps the newest retainChunks captures. Main thread.
