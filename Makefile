@@ -5,9 +5,14 @@ JOBS      ?= $(shell nproc)
 BUILD     ?= build
 TSAN      ?= build-tsan
 ASAN      ?= build-asan
+FUZZ      ?= build-fuzz
 CMAKE_ARGS ?=
+# Seconds per fuzz target: `make fuzz` searches, `make test` only replays the
+# seeds and tries a few seconds of new inputs.
+FUZZ_SECONDS ?= 300
+FUZZ_SMOKE_SECONDS ?= 5
 
-.PHONY: all deps build run test bench sanitize clean
+.PHONY: all deps build run test bench sanitize fuzz fuzz-build fuzz-smoke clean install package
 
 all: build
 
@@ -24,6 +29,17 @@ build: deps $(BUILD)/CMakeCache.txt
 run: build
 	@scripts/run-sorva $(BUILD)
 
+# For this user only: ~/.local/bin/sorva, its menu entry and its icon.
+PREFIX ?= $(HOME)/.local
+install: build
+	cmake --install $(BUILD) --prefix $(PREFIX)
+	-@command -v update-desktop-database >/dev/null && update-desktop-database -q $(PREFIX)/share/applications
+	-@command -v gtk-update-icon-cache >/dev/null && gtk-update-icon-cache -q -t $(PREFIX)/share/icons/hicolor
+
+# The Debian package: $(BUILD)/sorva_VERSION_ARCH.deb, for `apt install ./sorva_*.deb`.
+package: build
+	cd $(BUILD) && cpack -G DEB
+
 # Sanitizer builds of everything that runs without Qt: the DSP blocks, the log,
 # the lifecycle coordinator, the engines on the simulated backend.
 sanitize: deps
@@ -32,11 +48,22 @@ sanitize: deps
 	cmake -S . -B $(TSAN) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DSORVA_BUILD_APP=OFF -DSORVA_SANITIZE=thread
 	cmake --build $(TSAN) -j $(JOBS)
 
-# The PipeWire tests run real-time graphs on a shared two-core machine: a test
-# that fails is run once more before it counts as failed (a consistent fault
-# still fails; the first failure's output stays in the log).
-test: build sanitize
-	cd $(BUILD) && ctest --output-on-failure -j $(JOBS) --timeout 1500 --repeat until-pass:2
+# libFuzzer targets for the settings reader, the routing journal and the
+# input side of `sorva process`: a clang build of only the sources they need.
+fuzz-build: deps
+	CC=clang-14 CXX=clang++-14 cmake -S fuzz -B $(FUZZ) -DCMAKE_BUILD_TYPE=RelWithDebInfo
+	cmake --build $(FUZZ) -j $(JOBS)
+
+fuzz: fuzz-build
+	scripts/run-fuzz $(FUZZ) $(FUZZ_SECONDS)
+
+fuzz-smoke: fuzz-build
+	scripts/run-fuzz $(FUZZ) $(FUZZ_SMOKE_SECONDS)
+
+# Every test runs once: a test that fails only now and then is a fault to find,
+# not one to hide behind a second run.
+test: build sanitize fuzz-smoke
+	cd $(BUILD) && ctest --output-on-failure -j $(JOBS) --timeout 1500
 
 bench: deps
 	cmake -S . -B build-bench -DCMAKE_BUILD_TYPE=Release -DSORVA_BUILD_TESTS=OFF -DSORVA_BUILD_BENCH=ON
@@ -44,4 +71,4 @@ bench: deps
 	@scripts/run-bench build-bench
 
 clean:
-	rm -rf $(BUILD) $(TSAN) $(ASAN) build-bench
+	rm -rf $(BUILD) $(TSAN) $(ASAN) $(FUZZ) build-bench

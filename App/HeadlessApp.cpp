@@ -1,11 +1,9 @@
 #include "App/HeadlessApp.h"
 
+#include "App/ProgramEnvironment.h"
+
 #include "Audio/EQController.h"
 #include "Audio/EQLog.h"
-#include "Platform/QtMainExecutor.h"
-#include "Platform/Simulated/SimulatedAudioHardware.h"
-#include "Platform/Simulated/SimulatedOutputEngine.h"
-#include "Platform/Simulated/SimulatedRealtimeDriver.h"
 #include "Platform/TerminationSignals.h"
 
 #include <QCoreApplication>
@@ -37,23 +35,6 @@ bool autostartRequested(const char* value)
 
 namespace {
 
-// The simulated audio system of the demo mode: one output device, one program
-// that plays, and a driver that runs the IO cycles at real-time pace with a
-// generated music-like input.
-struct SimulatedSystem {
-    std::shared_ptr<SimulatedAudioHardware> hardware = std::make_shared<SimulatedAudioHardware>();
-    std::unique_ptr<SimulatedRealtimeDriver> driver;
-
-    SimulatedSystem()
-    {
-        hardware->addOutputDevice("Simulated Speakers", "sorva-simulated-speakers", 48000.0, 512);
-        // A program other than this one that is playing, so that the
-        // supervision sees audio activity.
-        hardware->addProcess(static_cast<int32_t>(::getpid()) + 1, true, std::string("org.sorva.demo-player"));
-        driver = std::make_unique<SimulatedRealtimeDriver>(*hardware, 48000.0, 512);
-    }
-};
-
 const char* signalName(int signalNumber)
 {
     return signalNumber == SIGINT ? "SIGINT" : signalNumber == SIGTERM ? "SIGTERM" : "signal";
@@ -66,27 +47,9 @@ int runHeadless(int argc, char** argv, const HeadlessOptions& options)
     QCoreApplication app(argc, argv);
     QCoreApplication::setApplicationName(QStringLiteral("sorva"));
 
-    std::unique_ptr<SimulatedSystem> simulated;
-    EQController::Environment environment;
-    if (options.simulate) {
-        simulated = std::make_unique<SimulatedSystem>();
-        environment.hardware = simulated->hardware;
-        // Plays nothing: the buffered engine's output just pulls its blocks.
-        environment.makeOutputEngine = [] { return std::make_unique<SimulatedOutputEngine>(); };
-        environment.mainExecutor = std::make_shared<QtMainExecutor>();
-        environment.now = EQController::wallClockSeconds;
-        std::fprintf(stderr, "sorva: running on the simulated audio system (a generated signal, nothing is played)\n");
-    } else {
-        std::string problem;
-        environment = EQController::productionEnvironment(&problem);
-        if (!environment.hardware) {
-            // The backend's own log line comes first, the verdict last.
-            EQLog::flush();
-            std::fprintf(stderr, "sorva: %s\n", problem.c_str());
-            return 1;
-        }
-    }
-    EQController::setSharedEnvironment(std::move(environment));
+    ProgramEnvironment environment;
+    if (!environment.install(options.simulate))
+        return 1;
     EQController& controller = EQController::shared();
 
     TerminationSignals termination;
@@ -107,13 +70,11 @@ int runHeadless(int argc, char** argv, const HeadlessOptions& options)
             controller.restorePreviousState();
     });
 
-    if (simulated)
-        simulated->driver->start();
+    environment.startSimulation();
     int status = QCoreApplication::exec();
     // A quit without a signal (none today) still leaves nothing running.
     controller.stopProcessor();
-    if (simulated)
-        simulated->driver->stop();
+    environment.stopSimulation();
     EQController::destroyShared();
     EQLog::flush();
     return status;

@@ -41,6 +41,10 @@ std::string lowercase(std::string text)
 std::string soundFileMessage(SNDFILE* file)
 {
     std::string text = sf_strerror(file);
+    // libsndfile's wording for a header whose rate or channel count it
+    // rejects (0, or beyond what it handles) reads like a bug of its own.
+    if (text.find("SF_INFO struct incomplete") != std::string::npos)
+        return "its header gives no usable sample rate or channel count";
     const std::string systemPrefix = "System error : ";
     if (text.rfind(systemPrefix, 0) == 0)
         text.erase(0, systemPrefix.size());

@@ -6,6 +6,7 @@
 #include "App/HeadlessApp.h"
 #include "App/OfflineProcessor.h"
 #include "App/ProgressBar.h"
+#include "App/SORVAApp.h"
 #include "Models/EQConfig.h"
 #include "Models/EQSettings.h"
 
@@ -114,8 +115,13 @@ int main(int argc, char** argv)
     case CommandLine::Action::run:
         break;
     }
-    // There is no panel yet, so the program runs headless with or without a
-    // display (--headless and a missing display both lead here).
+    // The tray application under a display; the same controller without any
+    // window otherwise, or when asked for.
+    if (!line.headless && sorva::displayAvailable()) {
+        sorva::PanelAppOptions options;
+        options.simulate = line.simulate;
+        return sorva::runPanelApp(argc, argv, options);
+    }
     sorva::HeadlessOptions options;
     options.simulate = line.simulate;
     return sorva::runHeadless(argc, argv, options);

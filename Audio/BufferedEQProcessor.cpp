@@ -52,7 +52,10 @@ BufferedEQProcessor::~BufferedEQProcessor()
 void BufferedEQProcessor::start(const std::vector<EQBand>& bands, double outputGainDB)
 {
     AudioObjectID device = kAudioObjectUnknown;
-    if (hardware.defaultOutputDevice(device) != kAudioHardwareNoError || device == kAudioObjectUnknown)
+    const OSStatus deviceStatus = hardware.defaultOutputDevice(device);
+    if (deviceStatus == kAudioHardwarePermissionDenied)
+        throw AudioTapError::permissionDenied();
+    if (deviceStatus != kAudioHardwareNoError || device == kAudioObjectUnknown)
         throw AudioTapError::osStatus("No default output device", -1);
     outputDeviceName = OutputDevice::name(hardware, device);
     listeners.recordStart(device);

@@ -3,6 +3,7 @@
 #include "Audio/EQLog.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -93,7 +94,9 @@ std::error_code writeAll(int descriptor, const void* data, size_t size)
 std::error_code writeFile(const fs::path& file, const void* first, size_t firstSize, const void* second,
                           size_t secondSize)
 {
-    const int descriptor = ::open(file.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+    // Private to the user, and never written through a symbolic link planted
+    // at the file's name.
+    const int descriptor = ::open(file.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, 0600);
     if (descriptor < 0)
         return lastError();
     std::error_code error = writeAll(descriptor, first, firstSize);
@@ -228,31 +231,70 @@ std::optional<DiagnosticRecorder::CaptureFiles> DiagnosticRecorder::markEvent(co
                                                                               const fs::path& directory,
                                                                               const std::string& extraContext)
 {
-    // Allocate outside the lock: the audio thread may be waiting for it.
-    std::vector<float> raw(rawRing.size());
-    std::vector<float> processed(processedRing.size());
-    int64_t frames = 0;
+    std::lock_guard captureGuard(captureLock);
+    // Allocated outside the audio thread's lock, which it may be waiting for.
+    if (rawCopy.empty()) {
+        rawCopy.resize(rawRing.size());
+        processedCopy.resize(processedRing.size());
+    }
+    // The history is copied a slice at a time, oldest first, so that the
+    // audio thread never waits for more than one slice (about 0.1 ms) where
+    // it would wait for a whole 12-second copy (milliseconds: a late
+    // callback at 5 ms buffers). The capture ends where the history ended
+    // when it began. Should the audio thread overwrite frames not yet copied
+    // (this thread stalled for seconds), the capture starts again from the
+    // oldest frame still held; after a few such restarts the rest is copied
+    // in one piece.
+    constexpr int64_t sliceFrames = 8192;
+    constexpr int restartsBeforeOnePiece = 4;
+    int64_t end = 0;
+    int64_t begin = 0; // absolute frame numbers: frame n sits in slot n % capacityFrames
     {
         std::lock_guard guard(lock);
-        frames = std::min(capacityFrames, totalFramesWritten);
-        const int64_t start = (writeIndex - frames + capacityFrames) % capacityFrames;
-        const int64_t firstRun = std::min(frames, capacityFrames - start);
-        const auto firstBegin = static_cast<ptrdiff_t>(start * channels);
-        const auto firstEnd = static_cast<ptrdiff_t>((start + firstRun) * channels);
-        const auto secondEnd = static_cast<ptrdiff_t>((frames - firstRun) * channels);
-        std::copy(rawRing.begin() + firstBegin, rawRing.begin() + firstEnd, raw.begin());
-        std::copy(rawRing.begin(), rawRing.begin() + secondEnd, raw.begin() + (firstEnd - firstBegin));
-        std::copy(processedRing.begin() + firstBegin, processedRing.begin() + firstEnd, processed.begin());
-        std::copy(processedRing.begin(), processedRing.begin() + secondEnd,
-                  processed.begin() + (firstEnd - firstBegin));
+        end = totalFramesWritten;
+        begin = end - std::min(capacityFrames, end);
     }
+    auto copyFrames = [this](int64_t first, int64_t count, int64_t into) {
+        const int64_t slot = first % capacityFrames;
+        const int64_t firstRun = std::min(count, capacityFrames - slot);
+        const auto source = [&](const std::vector<float>& ring, int64_t at) { return ring.begin() + static_cast<ptrdiff_t>(at * channels); };
+        const auto target = [&](std::vector<float>& copy, int64_t at) { return copy.begin() + static_cast<ptrdiff_t>(at * channels); };
+        std::copy(source(rawRing, slot), source(rawRing, slot + firstRun), target(rawCopy, into));
+        std::copy(source(rawRing, 0), source(rawRing, count - firstRun), target(rawCopy, into + firstRun));
+        std::copy(source(processedRing, slot), source(processedRing, slot + firstRun), target(processedCopy, into));
+        std::copy(source(processedRing, 0), source(processedRing, count - firstRun), target(processedCopy, into + firstRun));
+    };
+    int64_t copied = 0;
+    for (int restarts = 0; copied < end - begin;) {
+        std::lock_guard guard(lock);
+        const int64_t oldestHeld = totalFramesWritten - capacityFrames;
+        if (begin + copied < oldestHeld) {
+            begin = oldestHeld;
+            copied = 0;
+            ++restarts;
+            if (begin >= end)
+                break; // nothing of the captured stretch is left
+        }
+        const int64_t remaining = end - begin - copied;
+        const int64_t run = restarts >= restartsBeforeOnePiece ? remaining : std::min(sliceFrames, remaining);
+        copyFrames(begin + copied, run, copied);
+        copied += run;
+    }
+    const int64_t frames = end - begin;
     if (frames < 1)
         return std::nullopt;
-    raw.resize(static_cast<size_t>(frames * channels));
-    processed.resize(static_cast<size_t>(frames * channels));
+    const auto count = static_cast<size_t>(frames * channels);
+    const std::span<const float> raw(rawCopy.data(), count);
+    const std::span<const float> processed(processedCopy.data(), count);
 
     std::error_code ignored;
-    fs::create_directories(directory, ignored);
+    fs::create_directories(directory.parent_path(), ignored);
+    ::mkdir(directory.c_str(), 0700);
+    struct stat folder {};
+    if (::lstat(directory.c_str(), &folder) == 0 && S_ISLNK(folder.st_mode)) {
+        EQLog::trace("diagnostic capture failed: " + directory.string() + " is a symbolic link");
+        return std::nullopt;
+    }
 
     const auto now = wallClock();
     const std::string base = safeForFileName(formatUtc(now, "%Y-%m-%dT%H:%M:%SZ") + "-" + label);
@@ -315,7 +357,7 @@ void DiagnosticRecorder::prune(const fs::path& directory, int64_t keepingNewest)
     }
 }
 
-std::error_code DiagnosticRecorder::writeWAV(const std::vector<float>& samples, int64_t channels, double sampleRate,
+std::error_code DiagnosticRecorder::writeWAV(std::span<const float> samples, int64_t channels, double sampleRate,
                                              const fs::path& file)
 {
     const uint64_t dataSize = samples.size() * sizeof(float);

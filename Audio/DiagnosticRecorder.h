@@ -3,7 +3,8 @@
 // writes both as 32-bit float WAV files plus a context text file into the
 // diagnostics folder, keeping only the newest captures.
 //
-// Threading: push() runs on the audio thread and takes `lock` for the copy
+// Threading: push() runs on the audio thread and takes `lock` (with priority
+// inheritance) for the copy
 // (no allocation, no logging). startContinuousCapture()/stopContinuousCapture()
 // and the destructor run on the main thread; the timer ticks and the context
 // provider run there too. All file work runs on the serial queue
@@ -13,14 +14,16 @@
 
 #include "Platform/MainExecutor.h"
 #include "Platform/SerialQueue.h"
-#include "Platform/UnfairLock.h"
+#include "Platform/PriorityInheritanceMutex.h"
 
 #include <chrono>
 #include <cstdint>
 #include <filesystem>
 #include <functional>
 #include <memory>
+#include <mutex>
 #include <optional>
+#include <span>
 #include <string>
 #include <system_error>
 #include <vector>
@@ -79,17 +82,26 @@ private:
     void prune(const std::filesystem::path& directory, int64_t keepingNewest);
     // Writes the 44-byte header and the samples in one piece; returns the
     // failure, or an empty error code.
-    static std::error_code writeWAV(const std::vector<float>& samples, int64_t channels, double sampleRate,
+    static std::error_code writeWAV(std::span<const float> samples, int64_t channels, double sampleRate,
                                     const std::filesystem::path& file);
 
     std::vector<float> rawRing;
     std::vector<float> processedRing;
     int64_t writeIndex = 0;
     int64_t totalFramesWritten = 0;
-    UnfairLock lock;
+    // Priority inheritance: the capture thread, holding it for a slice of
+    // the copy, runs at the audio thread's priority while that waits.
+    PriorityInheritanceMutex lock;
     MainExecutor& mainExecutor;
     WallClock wallClock;
     std::unique_ptr<MainExecutor::Timer> flushTimer;
+    // markEvent's copies of the history, made once at the first capture and
+    // reused: a fresh pair of multi-megabyte arrays every minute would leave
+    // the allocator holding their pages after a few captures, so the
+    // process's memory would creep instead of staying flat.
+    std::mutex captureLock;
+    std::vector<float> rawCopy;
+    std::vector<float> processedCopy;
     // Last member: destroyed first, so queued captures finish while the
     // rings still exist.
     SerialQueue flushQueue;

@@ -254,6 +254,10 @@ AudioLifecycleCoordinator& EQController::lifecycle()
 
 void EQController::setRunning(bool on)
 {
+    if (!on) {
+        waitingForService = false;
+        serviceRetry.reset();
+    }
     EQSettings::setEQEnabled(on);
     EQLog::trace(std::string("setRunning(") + boolText(on) + ") called");
     postToMain([this, on] {
@@ -368,7 +372,13 @@ void EQController::startBufferedProcessor()
                                                         *environment.mainExecutor, environment.engineWait,
                                                         environment.monotonicClock);
     engine->onConfigurationChange = restartOnConfigurationChange();
-    engine->start(configValue.bands, configValue.outputGain);
+    try {
+        engine->start(configValue.bands, configValue.outputGain);
+    } catch (const AudioTapError& error) {
+        if (error.isPermissionDenied())
+            failedWithPermissionDenied = true;
+        throw;
+    }
     buffered = std::move(engine);
     primeMonitorState();
     setDiagnostics(QString::fromStdString(format("%s · %d ms buffer", buffered->outputDeviceName.c_str(),
@@ -397,6 +407,12 @@ void EQController::handleLifecycleState(AudioLifecycleState state)
     case AudioLifecycleState::stopping:
         break;
     case AudioLifecycleState::failed:
+        // A start that failed because the daemon is gone is no failure of
+        // ours: wait for the daemon instead of retrying against nothing.
+        if (waitingForService || (environment.hardware && !environment.hardware->serviceAvailable())) {
+            waitForService();
+            break;
+        }
         if (failedWithPermissionDenied) {
             failedWithPermissionDenied = false;
             setStatus(Status::permissionDenied());
@@ -406,7 +422,9 @@ void EQController::handleLifecycleState(AudioLifecycleState state)
         break;
     case AudioLifecycleState::inactive:
     case AudioLifecycleState::sleeping:
-        if (failedWithPermissionDenied) {
+        if (waitingForService) {
+            setStatus(Status::failed(serviceAwayMessage));
+        } else if (failedWithPermissionDenied) {
             setStatus(Status::permissionDenied());
             failedWithPermissionDenied = false;
         } else {
@@ -472,6 +490,10 @@ void EQController::poll()
 {
     if (!runningValue)
         return;
+    if (!environment.hardware->serviceAvailable()) {
+        waitForService();
+        return;
+    }
 
     int64_t frames = 0;
     float peak = 0;
@@ -510,13 +532,19 @@ void EQController::poll()
     if (signal)
         hasEverCapturedSignal = true;
 
-    // A missing permission shows as silence that the tap delivers. An idle
-    // PipeWire graph delivers nothing at all (nothing plays, and our passive
-    // streams are suspended with everything else), which says nothing about
-    // the permission: until the first signal, the grace period only runs
-    // while frames arrive.
-    if (!hasEverCapturedSignal && frames == 0)
-        startedAt = environment.now();
+    // A PipeWire graph with nothing to play runs no cycles at all: our
+    // passive streams are suspended with everything else and the engine sees
+    // no frames. Such a second is no observation of the tap, so it neither
+    // counts as silence nor runs down the permission grace period; a program
+    // that starts after a quiet spell therefore finds the counters at zero.
+    bool graphIdle = frames <= 0 && !signal && !AudioActivity::isAnyProcessPlaying(*environment.hardware);
+    if (graphIdle) {
+        silentSeconds = 0;
+        recoveredThisSilence = false;
+        refreshedThisSilence = false;
+        if (!hasEverCapturedSignal)
+            startedAt = environment.now();
+    }
 
     if (!hasEverCapturedSignal && startedAt && environment.now() - *startedAt > permissionGraceSeconds) {
         EQLog::trace("no signal within grace period — permission likely not granted");
@@ -534,7 +562,7 @@ void EQController::poll()
         refreshedThisSilence = false;
         restartTimestamps.clear();
         next = Status::capturing(peak, lateCallbacks);
-    } else {
+    } else if (!graphIdle) {
         silentSeconds += 1;
         // Each condition is checked only while the earlier ones hold, so the
         // process list is read only when the counters allow an action.
@@ -575,6 +603,39 @@ void EQController::requestRestart(AudioLifecycleTrigger trigger)
     }
     restartTimestamps.push_back(now);
     postToMain([this, trigger] { lifecycle().restart(trigger); });
+}
+
+void EQController::waitForService()
+{
+    if (waitingForService)
+        return;
+    waitingForService = true;
+    EQLog::trace("audio service lost — engine released, waiting for it to return");
+    setStatus(Status::failed(serviceAwayMessage));
+    // Switching the coordinator off releases the engine and cancels any
+    // recovery; the stored switch stays on, and switching on again when the
+    // service is back starts with a fresh failure budget.
+    postToMain([this] { afterCompletion(lifecycle().setUserEnabled(false), [] {}); });
+    serviceRetryDelay = 1;
+    serviceRetryCountdown = 1;
+    serviceRetry = environment.mainExecutor->scheduleRepeating(serviceRetryTick, [this] {
+        postToMain([this] { retryService(); });
+    });
+}
+
+void EQController::retryService()
+{
+    if (!waitingForService || --serviceRetryCountdown > 0)
+        return;
+    if (!environment.hardware->serviceAvailable()) {
+        serviceRetryDelay = std::min(serviceRetryDelay * 2, serviceRetryMaxTicks);
+        serviceRetryCountdown = serviceRetryDelay;
+        return;
+    }
+    waitingForService = false;
+    serviceRetry.reset();
+    EQLog::trace("audio service back — starting again");
+    postToMain([this] { afterCompletion(lifecycle().setUserEnabled(true), [] {}); });
 }
 
 void EQController::observeWake()

@@ -150,6 +150,13 @@ public:
     static constexpr double restartWindowSeconds = 20.0;
     static constexpr double permissionGraceSeconds = 8.0;
     static constexpr int spectrumBandCount = 16;
+    // While the audio service is away: how often its return is checked, and
+    // the longest wait between two checks, in those ticks (the waits double
+    // from one tick).
+    static constexpr std::chrono::milliseconds serviceRetryTick { 250 };
+    static constexpr int64_t serviceRetryMaxTicks = 8;
+    // The status text while the audio service is away.
+    static constexpr const char* serviceAwayMessage = "PipeWire is not running — waiting for it to return";
 
     // For tests and diagnostics: the coordinator (created on first use), and
     // which engine runs.
@@ -186,6 +193,10 @@ private:
     void startMonitor();
     void poll();
     void requestRestart(AudioLifecycleTrigger trigger);
+    // The audio service went away: release the engine without spending the
+    // restart or failure budgets, then watch for its return with back-off.
+    void waitForService();
+    void retryService();
 
     // Runs job on the main thread later, if this controller still exists.
     void postToMain(std::function<void()> job);
@@ -221,6 +232,10 @@ private:
     bool refreshedThisSilence = false;
     std::deque<double> restartTimestamps;
     bool failedWithPermissionDenied = false;
+    bool waitingForService = false;
+    std::unique_ptr<MainExecutor::Timer> serviceRetry;
+    int64_t serviceRetryDelay = 1;
+    int64_t serviceRetryCountdown = 1;
 
     std::unique_ptr<SleepWatcher> sleepWatcher;
     // Waits for the coordinator's completions, in request order, off the

@@ -103,14 +103,25 @@ bool writeAll(int fd, const std::string& bytes)
 void appendLine(const std::filesystem::path& file, const std::string& line)
 {
     std::lock_guard guard(fileLock());
-    int fd = ::open(file.c_str(), O_WRONLY | O_APPEND | O_CLOEXEC | O_NOFOLLOW);
+    // Created private (0600) if missing; never through a symbolic link, which
+    // anyone able to plant one could aim at a file of their choosing.
+    int fd = ::open(file.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600);
     if (fd >= 0) {
         writeAll(fd, line);
         ::close(fd);
         return;
     }
-    // No file yet (or not writable): the line becomes the whole file, written
-    // to a temporary name and renamed so a reader never sees half of it.
+    if (errno == ELOOP) {
+        static bool told = false;
+        if (!told) {
+            told = true;
+            std::fprintf(stderr, "[sorva] log file refused: %s is a symbolic link\n", file.c_str());
+        }
+        return;
+    }
+    // Not writable in place (a file made read-only, say): the line becomes
+    // the whole file, written to a temporary name and renamed so a reader
+    // never sees half of it.
     std::filesystem::path temporary = file;
     temporary += ".tmp-" + std::to_string(::getpid());
     fd = ::open(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, 0600);

@@ -31,6 +31,12 @@ void RenderTiming::record(uint64_t began, uint64_t ended, int64_t frames) noexce
     ++callbacks;
 }
 
+void RenderTiming::forgetLastCallback() noexcept
+{
+    std::lock_guard guard(lock);
+    lastCallbackEnd = 0;
+}
+
 RenderTiming::Snapshot RenderTiming::snapshot() noexcept
 {
     std::lock_guard guard(lock);

@@ -32,6 +32,9 @@ public:
     // The figures since the previous snapshot; all four start again from 0.
     // The end of the last callback is kept, so the next gap is still measured.
     Snapshot snapshot() noexcept;
+    // The stream was paused or suspended: the next callback starts a new
+    // baseline instead of counting the pause as its gap. Audio thread.
+    void forgetLastCallback() noexcept;
 
 private:
     double milliseconds(uint64_t from, uint64_t to) const noexcept;

@@ -81,7 +81,12 @@ std::optional<std::string> SystemEQProcessor::deviceUID(AudioHardware& hardware,
 void SystemEQProcessor::start(const std::vector<EQBand>& bands, double outputGainDB)
 {
     AudioObjectID device = kAudioObjectUnknown;
-    if (hardware.defaultOutputDevice(device) != kAudioHardwareNoError || device == kAudioObjectUnknown)
+    const OSStatus deviceStatus = hardware.defaultOutputDevice(device);
+    // A client the audio system refuses sees no devices at all; that is a
+    // permission problem, not a missing output.
+    if (deviceStatus == kAudioHardwarePermissionDenied)
+        throw AudioTapError::permissionDenied();
+    if (deviceStatus != kAudioHardwareNoError || device == kAudioObjectUnknown)
         throw AudioTapError::osStatus("No default output device", -1);
     const std::optional<std::string> outputUID = deviceUID(hardware, device);
     if (!outputUID)
@@ -193,10 +198,14 @@ void SystemEQProcessor::stop()
 
 // --- Render path ---------------------------------------------------------------------
 
-void SystemEQProcessor::ioProc(void* context, const AudioTimeStamp*, const AudioBufferList* input,
+void SystemEQProcessor::ioProc(void* context, const AudioTimeStamp* now, const AudioBufferList* input,
                                const AudioTimeStamp*, AudioBufferList* output, const AudioTimeStamp*) noexcept
 {
-    processIOCycle(*static_cast<IOCycleContext*>(context), input, output);
+    auto& cycle = *static_cast<IOCycleContext*>(context);
+    // After a pause the graph did not schedule us: that time is no late callback.
+    if (now && (now->mFlags & kAudioTimeStampResumed))
+        cycle.timing.forgetLastCallback();
+    processIOCycle(cycle, input, output);
 }
 
 void SystemEQProcessor::processIOCycle(IOCycleContext& context, const AudioBufferList* input,

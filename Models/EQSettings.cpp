@@ -6,6 +6,7 @@
 #include <QSettings>
 #include <QString>
 #include <QStringList>
+#include <QUtf8StringView>
 #include <QVariant>
 
 #include <fcntl.h>
@@ -14,9 +15,13 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cmath>
 #include <cstdlib>
+#include <cstring>
+#include <ctime>
 #include <optional>
+#include <string>
 
 namespace sorva::EQSettings {
 
@@ -62,12 +67,99 @@ void removeAbandonedLock()
     ::close(fd);
 }
 
+// A settings file is a few hundred bytes of text; anything past this is not
+// one, and reading it would only cost memory and time.
+constexpr off_t largestReadableFile = 1 << 20;
+
+// Why the file at path cannot be the settings file, or nothing if it can be
+// read (or does not exist). Hand-edited values of the wrong type are readable:
+// the typed reads give their defaults and the other keys stay usable.
+std::optional<std::string> unreadableReason(const std::filesystem::path& path)
+{
+    struct stat info {};
+    if (::stat(path.c_str(), &info) != 0)
+        return errno == ENOENT ? std::nullopt : std::optional<std::string>(std::strerror(errno));
+    if (S_ISDIR(info.st_mode))
+        return "it is a folder";
+    if (!S_ISREG(info.st_mode))
+        return "it is not a regular file";
+    if (info.st_size > largestReadableFile)
+        return "it is too large (" + std::to_string(info.st_size) + " bytes)";
+    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+    if (fd < 0)
+        return std::string(std::strerror(errno));
+    std::string bytes(static_cast<size_t>(info.st_size), '\0');
+    size_t done = 0;
+    while (done < bytes.size()) {
+        const ssize_t n = ::read(fd, bytes.data() + done, bytes.size() - done);
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n <= 0)
+            break;
+        done += static_cast<size_t>(n);
+    }
+    ::close(fd);
+    bytes.resize(done);
+    // QSettings writes UTF-8 text: NUL bytes or broken UTF-8 mean the file
+    // was damaged or is something else, and rewriting it would lose it.
+    if (bytes.find('\0') != std::string::npos || !QUtf8StringView(bytes).isValidUtf8())
+        return "it is not text";
+    return std::nullopt;
+}
+
+// Moves an unreadable settings file aside as "sorva.conf.unreadable-<UTC
+// time>" so that the next write starts a fresh file without destroying what
+// the user had; logs one line. False if the file is unreadable and stays in
+// place, in which case nothing may be written over it.
+bool setAsideIfUnreadable()
+{
+    const std::filesystem::path path = filePath();
+    const std::optional<std::string> reason = unreadableReason(path);
+    if (!reason)
+        return true;
+    const std::time_t now = std::time(nullptr);
+    std::tm parts {};
+    gmtime_r(&now, &parts);
+    char stamp[32];
+    std::strftime(stamp, sizeof stamp, "%Y-%m-%dT%H-%M-%SZ", &parts);
+    std::filesystem::path kept = path;
+    kept += std::string(".unreadable-") + stamp;
+    // Never over an earlier kept file: a second bad file within the same
+    // second gets a counter.
+    for (int n = 2; ::access(kept.c_str(), F_OK) == 0 || errno != ENOENT; ++n) {
+        kept = path;
+        kept += std::string(".unreadable-") + stamp + "-" + std::to_string(n);
+        if (n > 1000)
+            break;
+    }
+    if (::rename(path.c_str(), kept.c_str()) != 0) {
+        const std::string why = std::strerror(errno);
+        EQLog::trace([&] {
+            return "settings file " + path.string() + " unreadable (" + *reason + ") and cannot be moved aside ("
+                + why + "): using the defaults and leaving it as it is";
+        });
+        return false;
+    }
+    EQLog::trace([&] {
+        return "settings file " + path.string() + " unreadable (" + *reason + "): kept as "
+            + kept.filename().string() + ", starting from the defaults";
+    });
+    return true;
+}
+
 // One QSettings per operation: cheap (Qt shares the parsed file between
 // instances and re-reads it only when it changed on disk) and always in step
-// with the file.
-QSettings openSettings()
+// with the file. An unreadable file is moved aside first; if it cannot be,
+// the settings come from an empty in-memory store (the defaults) and
+// writable is false.
+QSettings openSettings(bool* writable = nullptr)
 {
     removeAbandonedLock();
+    const bool usable = setAsideIfUnreadable();
+    if (writable)
+        *writable = usable;
+    if (!usable)
+        return QSettings(QString(), QSettings::IniFormat);
     return QSettings(qPath(filePath()), QSettings::IniFormat);
 }
 
@@ -158,7 +250,12 @@ double clamped(double value, double low, double high)
 
 void write(const QString& key, const QVariant& value)
 {
-    QSettings settings = openSettings();
+    bool writable = true;
+    QSettings settings = openSettings(&writable);
+    if (!writable) {
+        EQLog::trace([&] { return "settings not saved: cannot write " + filePath().string(); });
+        return;
+    }
     settings.setValue(key, value);
     settings.sync();
     if (settings.status() == QSettings::AccessError)

@@ -82,6 +82,12 @@ class AudioHardware {
 public:
     virtual ~AudioHardware() = default;
 
+    // Whether the audio service behind this backend can be reached: false
+    // while its daemon is gone (a lost connection, or no daemon to connect
+    // to). Asking again retries the connection once nothing lives on the
+    // lost one. Backends without a separate service are always available.
+    virtual bool serviceAvailable() { return true; }
+
     // --- Devices ---------------------------------------------------------
 
     // "dOut" on the system object: the output device that the system's sound

@@ -89,7 +89,12 @@ struct AudioBufferList {
 struct AudioTimeStamp {
     uint64_t mHostTime = 0;
     double mSampleTime = 0.0;
+    uint32_t mFlags = 0;
 };
+
+// mFlags: the stream was paused or suspended by the graph since its previous
+// cycle (nothing played), so the time since then is no gap between cycles.
+inline constexpr uint32_t kAudioTimeStampResumed = 1u << 0;
 
 // A stream format (the tap's "tfmt"): 40 bytes, sample rate first.
 struct AudioStreamBasicDescription {

@@ -1,11 +1,17 @@
-// A tiny non-recursive lock for the real-time blocks: spins briefly, then
-// yields. It is held only for a handful of loads and stores (or a bounded
-// copy), so contention is short; the audio thread never sleeps on it in a
-// system call while the holder is running.
+// A tiny non-recursive lock for the real-time blocks, held only for a handful
+// of loads and stores (or a bounded copy). It spins briefly, then sleeps on a
+// priority-inheritance mutex. Spinning alone is not enough: the audio thread
+// runs at real-time priority and shares these locks with ordinary threads
+// (the supervision's statistics reads, the spectrum timer); an ordinary holder
+// preempted by other work on a busy machine would keep a spinning audio thread
+// waiting for a whole scheduler slice. With priority inheritance the kernel
+// lends the waiter's priority to the holder until it unlocks. Uncontended
+// lock and unlock stay in user space.
 #pragma once
 
+#include "Platform/PriorityInheritanceMutex.h"
+
 #include <atomic>
-#include <thread>
 
 namespace sorva {
 
@@ -17,24 +23,17 @@ public:
 
     void lock() noexcept
     {
-        for (;;) {
-            if (!held.exchange(true, std::memory_order_acquire))
+        for (int spin = 0; spin < 64; ++spin) {
+            if (mutex.try_lock())
                 return;
-            for (int spin = 0; held.load(std::memory_order_relaxed); ++spin) {
-                if (spin < 64)
-                    pause();
-                else
-                    std::this_thread::yield();
-            }
+            pause();
         }
+        mutex.lock();
     }
 
-    bool try_lock() noexcept
-    {
-        return !held.load(std::memory_order_relaxed) && !held.exchange(true, std::memory_order_acquire);
-    }
+    bool try_lock() noexcept { return mutex.try_lock(); }
 
-    void unlock() noexcept { held.store(false, std::memory_order_release); }
+    void unlock() noexcept { mutex.unlock(); }
 
 private:
     static void pause() noexcept
@@ -46,7 +45,7 @@ private:
 #endif
     }
 
-    std::atomic<bool> held { false };
+    PriorityInheritanceMutex mutex;
 };
 
 } // namespace sorva

@@ -149,8 +149,11 @@ void DuplexStreams::stateChanged(void* self, pw_stream_state, pw_stream_state st
     streams.*field = state;
     if (error)
         streams.streamError = error;
-    if (field == &DuplexStreams::tapState)
+    if (field == &DuplexStreams::tapState) {
+        if (state != PW_STREAM_STATE_STREAMING)
+            streams.resumed.store(true, std::memory_order_relaxed);
         streams.observer.tapStateChanged();
+    }
     pw_thread_loop_signal(streams.graph.loop(), false);
 }
 
@@ -342,7 +345,8 @@ void DuplexStreams::duplexCycle() noexcept
                 inPlanar[c] = { 1, frames * bytesPerSample, input->channels[c] };
                 outPlanar[c] = { 1, frames * bytesPerSample, ob.datas[c].data };
             }
-            AudioTimeStamp now { hostTicks(), rtSampleTime };
+            AudioTimeStamp now { hostTicks(), rtSampleTime,
+                                 resumed.exchange(false, std::memory_order_relaxed) ? kAudioTimeStampResumed : 0u };
             rtProc(rtContext, &now, &inPlanarList, &now, &outPlanarList, &now);
         } else {
             std::memset(ob.datas[0].data, 0, frames * bytesPerSample);
@@ -373,7 +377,8 @@ void DuplexStreams::captureCycle() noexcept
     std::optional<Filled> input = filled(in);
     if (input && rtRunning && rtProc) {
         inBuffer = { 2, input->frames * bytesPerFrame, input->samples };
-        AudioTimeStamp now { hostTicks(), rtSampleTime };
+        AudioTimeStamp now { hostTicks(), rtSampleTime,
+                             resumed.exchange(false, std::memory_order_relaxed) ? kAudioTimeStampResumed : 0u };
         rtProc(rtContext, &now, &inList, &now, &noBuffers, &now);
         rtSampleTime += input->frames;
     }

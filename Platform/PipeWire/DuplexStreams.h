@@ -122,6 +122,9 @@ private:
     AudioBufferList inPlanarList { 2, inPlanar };
     AudioBufferList outPlanarList { 2, outPlanar };
 
+    // Set when the tap leaves the streaming state (the graph paused or
+    // suspended it); the next cycle reports it and clears it.
+    std::atomic<bool> resumed { false };
     std::atomic<uint32_t> rate { 0 };
     std::atomic<uint32_t> cycleFrames { 0 };
 };

@@ -52,6 +52,7 @@ public:
     // Whether the daemon was reached (the connection is retried by every
     // call while it is not).
     bool isConnected();
+    bool serviceAvailable() override { return isConnected(); }
 
     OSStatus defaultOutputDevice(AudioObjectID& device) override;
     OSStatus deviceName(AudioObjectID device, std::string& name) override;

@@ -7,8 +7,9 @@
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
-#include <fstream>
-#include <sstream>
+#include <sys/stat.h>
+
+#include <algorithm>
 #include <unistd.h>
 
 namespace sorva {
@@ -116,8 +117,7 @@ bool RoutingJournal::append(const Entry& entry, std::string& error)
         error = "cannot create " + file.parent_path().string() + ": " + ec.message();
         return false;
     }
-    std::string line = "route\t" + std::to_string(entry.streamSerial) + "\t" + std::to_string(entry.tapSerial) + "\t"
-        + encode(entry.previousObject) + "\t" + encode(entry.previousNode) + "\n";
+    const std::string text = line(entry);
     int fd = ::open(file.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
     if (fd < 0) {
         error = "cannot open " + file.string() + ": " + std::strerror(errno);
@@ -125,11 +125,11 @@ bool RoutingJournal::append(const Entry& entry, std::string& error)
     }
     // One write of the whole line (O_APPEND): a crash leaves either the line
     // or nothing, never half of it followed by another entry.
-    ssize_t written = ::write(fd, line.data(), line.size());
+    ssize_t written = ::write(fd, text.data(), text.size());
     int writeErrno = errno;
     ::fdatasync(fd);
     ::close(fd);
-    if (written != static_cast<ssize_t>(line.size())) {
+    if (written != static_cast<ssize_t>(text.size())) {
         error = "cannot write " + file.string() + ": " + std::strerror(written < 0 ? writeErrno : EIO);
         return false;
     }
@@ -138,15 +138,48 @@ bool RoutingJournal::append(const Entry& entry, std::string& error)
 
 std::vector<RoutingJournal::Entry> RoutingJournal::entries() const
 {
+    // Only a regular file is read, and only its first largestJournal bytes:
+    // a FIFO, a device or a link to /dev/zero in its place must neither block
+    // the start nor eat the memory. Non-blocking so that opening a FIFO
+    // returns at once.
+    const int fd = ::open(file.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+    if (fd < 0)
+        return {};
+    std::string text;
+    struct stat info {};
+    if (::fstat(fd, &info) == 0 && S_ISREG(info.st_mode)) {
+        text.resize(static_cast<size_t>(std::min<off_t>(info.st_size, largestJournal)));
+        size_t done = 0;
+        while (done < text.size()) {
+            const ssize_t n = ::read(fd, text.data() + done, text.size() - done);
+            if (n < 0 && errno == EINTR)
+                continue;
+            if (n <= 0)
+                break;
+            done += static_cast<size_t>(n);
+        }
+        text.resize(done);
+    }
+    ::close(fd);
+    return parse(text);
+}
+
+std::vector<RoutingJournal::Entry> RoutingJournal::parse(std::string_view text)
+{
     std::vector<Entry> found;
-    std::ifstream in(file);
-    std::string line;
-    while (std::getline(in, line)) {
+    while (!text.empty()) {
+        const size_t end = text.find('\n');
+        const std::string_view line = text.substr(0, end);
+        text.remove_prefix(end == std::string_view::npos ? text.size() : end + 1);
         std::vector<std::string> fields;
-        std::stringstream split(line);
-        std::string field;
-        while (std::getline(split, field, '\t'))
-            fields.push_back(field);
+        size_t start = 0;
+        for (;;) {
+            const size_t tab = line.find('\t', start);
+            fields.emplace_back(line.substr(start, tab == std::string_view::npos ? std::string_view::npos : tab - start));
+            if (tab == std::string_view::npos || fields.size() > 5)
+                break;
+            start = tab + 1;
+        }
         if (fields.size() != 5 || fields[0] != "route")
             continue;
         Entry entry;
@@ -156,6 +189,12 @@ std::vector<RoutingJournal::Entry> RoutingJournal::entries() const
         found.push_back(std::move(entry));
     }
     return found;
+}
+
+std::string RoutingJournal::line(const Entry& entry)
+{
+    return "route\t" + std::to_string(entry.streamSerial) + "\t" + std::to_string(entry.tapSerial) + "\t"
+        + encode(entry.previousObject) + "\t" + encode(entry.previousNode) + "\n";
 }
 
 void RoutingJournal::clear()

@@ -12,6 +12,8 @@
 #include <filesystem>
 #include <optional>
 #include <string>
+#include <string_view>
+#include <sys/types.h>
 #include <vector>
 
 namespace sorva {
@@ -46,7 +48,16 @@ public:
     // error) when the folder or file cannot be written.
     bool append(const Entry& entry, std::string& error);
     // Every well-formed entry in file order; unreadable lines are skipped.
+    // Anything but a regular file reads as empty; only the first
+    // largestJournal bytes are read.
     std::vector<Entry> entries() const;
+    // The entries of a journal's text, as entries() reads them.
+    static std::vector<Entry> parse(std::string_view text);
+    // One entry as append() writes it, line feed included.
+    static std::string line(const Entry& entry);
+
+    // Thousands of streams' worth: more is not a journal this program wrote.
+    static constexpr off_t largestJournal = 4 << 20;
     // Removes the file. Missing is fine.
     void clear();
 

@@ -137,6 +137,11 @@ void StreamRouter::restore(uint32_t nodeID, uint64_t tapSerial,
 void StreamRouter::unroute(Routes& routes, uint32_t tapNodeID)
 {
     routes.active = false;
+    // Our own latest writes must be in the mirror before it is compared
+    // with them: a stream routed a moment ago still shows its old target
+    // until the daemon echoes the new one, and would be taken for one the
+    // user moved elsewhere and left pointing at the tap.
+    graph.sync();
     const PipeWireGraph::Node* tapNode = graph.node(tapNodeID);
     uint64_t tapSerial = tapNode ? tapNode->serial : 0;
     size_t restored = 0;
@@ -149,7 +154,10 @@ void StreamRouter::unroute(Routes& routes, uint32_t tapNodeID)
     }
     routes.routed.clear();
     routes.considered.clear();
-    graph.sync();
+    // With the daemon gone nothing was restored: the journal stays for the
+    // next start, which repairs whatever the returning session remembers.
+    if (!graph.sync())
+        return;
     journal.clear();
     if (restored)
         EQLog::trace("restored the targets of " + std::to_string(restored) + " routed streams");

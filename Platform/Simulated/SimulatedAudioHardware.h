@@ -86,6 +86,11 @@ public:
     AudioObjectID addProcess(int32_t pid, bool runningOutput,
                              std::optional<std::string> bundleIdentifier = std::nullopt);
     void setProcessRunningOutput(AudioObjectID process, bool running);
+
+    // The audio service going away and coming back (a daemon restart); the
+    // calls themselves keep working, failures are injected separately.
+    void setServiceAvailable(bool available) { serviceUp = available; }
+    bool serviceAvailable() override { return serviceUp; }
     AudioObjectID ownProcessObject() const { return ownProcess; }
 
     // The rate taps report in "tfmt" (48000 unless set).
@@ -237,6 +242,7 @@ private:
     std::vector<AggregateDescription> aggregateHistory;
     bool deliveryPaused = false;
     std::vector<Listener> heldDeliveries;
+    std::atomic<bool> serviceUp { true };
 };
 
 } // namespace sorva

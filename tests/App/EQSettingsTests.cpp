@@ -222,3 +222,59 @@ TEST(EQSettings, AnUnwritableFolderLogsAndLeavesTheFileAsItWas)
     EXPECT_EQ(readFile(EQSettings::filePath()), before);
     EXPECT_EQ(log.taken(), std::vector<std::string> { "settings not saved: cannot write " + EQSettings::filePath().string() });
 }
+
+// A file SORVA cannot read is never overwritten: it is moved aside as
+// "sorva.conf.unreadable-<time>" with one log line, the defaults apply, and
+// the next save starts a fresh file. A readable file with values of the wrong
+// type stays where it is.
+TEST(EQSettings, AnUnreadableFileIsKeptBesideTheNewOne)
+{
+    struct Case {
+        const char* name;
+        std::function<void(const std::filesystem::path&)> plant;
+        std::function<bool(const std::filesystem::path&)> intact; // checks the kept file
+    };
+    const std::string junk("[General]\nbandGains=1,2,3,4,5\n\x00\x01\xfe\xff\x80junk", 40);
+    const Case cases[] = {
+        { "binary junk", [&](const auto& p) { writeFile(p, junk); }, [&](const auto& p) { return readFile(p) == junk; } },
+        { "100 MB", [](const auto& p) { writeFile(p, "[General]\neqEnabled=true\n"); std::filesystem::resize_file(p, 100 << 20); },
+          [](const auto& p) { return std::filesystem::file_size(p) == 100u << 20; } },
+        { "a folder", [](const auto& p) { writeFile(p / "inside", "mine"); },
+          [](const auto& p) { return readFile(p / "inside") == "mine"; } },
+        { "a pipe", [](const auto& p) { std::filesystem::create_directories(p.parent_path()); ::mkfifo(p.c_str(), 0600); },
+          [](const auto& p) { return std::filesystem::is_fifo(p); } },
+        { "unreadable", [](const auto& p) { writeFile(p, "[General]\neqEnabled=true\n"); std::filesystem::permissions(p, std::filesystem::perms::owner_write); },
+          [](const auto& p) { std::filesystem::permissions(p, std::filesystem::perms::owner_read); return readFile(p) == "[General]\neqEnabled=true\n"; } },
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        ConfigHome home;
+        const std::filesystem::path file = EQSettings::filePath();
+        c.plant(file);
+        sorva::testing::LogCapture log;
+        {
+            sorva::testing::WithoutFileOverride asUser; // root would read a mode-0200 file
+            expectDefault(EQSettings::loadConfig());
+            EXPECT_FALSE(EQSettings::eqEnabled());
+            EQSettings::saveGains(bandsWith({ 1, 2, 3, 4, 5 }));
+            EXPECT_EQ(gainsOf(EQSettings::loadConfig()), (std::vector<double> { 1, 2, 3, 4, 5 }));
+        }
+        std::vector<std::filesystem::path> kept;
+        for (const auto& entry : std::filesystem::directory_iterator(file.parent_path()))
+            if (entry.path().filename().string().starts_with("sorva.conf.unreadable-"))
+                kept.push_back(entry.path());
+        ASSERT_EQ(kept.size(), 1u);
+        EXPECT_TRUE(c.intact(kept[0]));
+        ASSERT_EQ(log.taken().size(), 1u);
+        EXPECT_TRUE(log.taken()[0].ends_with("): kept as " + kept[0].filename().string() + ", starting from the defaults"))
+            << log.taken()[0];
+    }
+
+    ConfigHome home;
+    writeFile(EQSettings::filePath(), "[General]\neqEnabled=maybe\nbufferLatencyMs=nan\nbandGains=1e999, x\n");
+    EXPECT_FALSE(EQSettings::eqEnabled());
+    EXPECT_EQ(EQSettings::bufferLatencyMs(), 125.0);
+    EQSettings::setEQEnabled(true);
+    EXPECT_NE(readFile(EQSettings::filePath()).find("bufferLatencyMs=nan"), std::string::npos);
+    EXPECT_EQ(std::distance(std::filesystem::directory_iterator(EQSettings::filePath().parent_path()), {}), 1);
+}

@@ -37,6 +37,9 @@ Run run(const QStringList& arguments, std::map<QString, QString> variables, cons
     auto environment = QProcessEnvironment::systemEnvironment();
     variables.try_emplace("TMPDIR", config.path.c_str());
     variables.try_emplace("SORVA_AUTOSTART", "");
+    // Under a display the program opens its tray and panel instead.
+    variables.try_emplace("DISPLAY", "");
+    variables.try_emplace("WAYLAND_DISPLAY", "");
     for (auto [name, value] : variables)
         value.isEmpty() ? environment.remove(name) : environment.insert(name, value.replace("$HOME", config.path.c_str()));
     QProcess process;

@@ -8,6 +8,8 @@
 #include <sndfile.h>
 
 #include <algorithm>
+#include <cmath>
+#include <optional>
 #include <csignal>
 #include <fcntl.h>
 #include <fstream>
@@ -312,4 +314,82 @@ TEST(OfflineProcess, AnInterruptedRunLeavesNeitherOutputNorTemporaryFile)
     EXPECT_EQ(WEXITSTATUS(status), 130);
     EXPECT_EQ(folder.names(), before);
     EXPECT_EQ(readFile(capture / "err"), "sorva: interrupted\n");
+}
+
+namespace {
+
+// A 32-bit float WAV with whatever header fields a hostile file may carry.
+std::string floatWav(uint32_t channels, uint32_t rate, const std::vector<float>& samples,
+                     std::optional<uint32_t> dataSizeField = std::nullopt)
+{
+    std::string h;
+    auto put = [&h](uint64_t value, int bytes) {
+        for (int i = 0; i < bytes; ++i)
+            h += char((value >> (8 * i)) & 0xff);
+    };
+    const uint32_t dataBytes = dataSizeField.value_or(uint32_t(samples.size() * 4));
+    h += "RIFF", put(36u + uint64_t(dataBytes), 4), h += "WAVEfmt ", put(16, 4), put(3, 2), put(channels, 2);
+    put(rate, 4), put(uint64_t(rate) * channels * 4, 4), put(channels * 4, 2), put(32, 2), h += "data", put(dataBytes, 4);
+    h.append(reinterpret_cast<const char*>(samples.data()), samples.size() * 4);
+    return h;
+}
+
+} // namespace
+
+// Hostile input files: each gives either a clear one-line error naming the
+// file (never libsndfile's internal wording) and no output, or a complete
+// output whose every sample is finite and within the limiter's ceiling.
+TEST(OfflineProcess, HostileInputsGiveAClearErrorOrAFiniteLimitedFile)
+{
+    ScratchFolder folder;
+    std::vector<float> tone(2 * 4800);
+    for (size_t i = 0; i < tone.size(); ++i)
+        tone[i] = 0.5f * std::sin(0.05f * float(i / 2));
+    std::vector<float> hostile = tone;
+    for (size_t i = 0; i < 2000; ++i)
+        hostile[1000 + i] = i % 3 == 0 ? NAN : (i % 3 == 1 ? INFINITY : -INFINITY);
+    std::fill(hostile.begin() + 5000, hostile.begin() + 7000, 1.0f); // full scale
+    struct Case {
+        const char* name;
+        std::string bytes;
+        int64_t frames; // -1: refused
+    };
+    const Case cases[] = {
+        { "truncated.wav", floatWav(2, 48000, tone).substr(0, 44 + 100 * 8 + 3), 100 },
+        { "zero-channels.wav", floatWav(0, 48000, tone), -1 },
+        { "rate-0.wav", floatWav(2, 0, tone), -1 },
+        { "rate-max.wav", floatWav(2, UINT32_MAX, tone), -1 },
+        { "65535-channels.wav", floatWav(65535, 48000, tone), -1 },
+        { "data-past-the-end.wav", floatWav(2, 48000, tone, 0xfffffff0u), 4800 },
+        { "nan-inf-square.wav", floatWav(2, 48000, hostile), 4800 },
+        { "rifx.wav", "RIFX" + floatWav(2, 48000, tone).substr(4), -1 },
+    };
+    for (const Case& c : cases)
+        std::ofstream(folder / c.name, std::ios::binary) << c.bytes;
+    ASSERT_EQ(::mkfifo((folder / "pipe.wav").c_str(), 0600), 0);
+    std::thread writer([&] { std::ofstream(folder / "pipe.wav", std::ios::binary) << floatWav(2, 44100, tone); });
+
+    auto check = [&](const std::string& input, int64_t frames) {
+        SCOPED_TRACE(input);
+        const ProgramRun run = runSorva({ "process", input, "out.wav", "--preset", "rock" }, folder.path());
+        if (frames < 0) {
+            EXPECT_EQ(run.exitStatus, 2);
+            EXPECT_TRUE(run.err.starts_with("sorva: cannot read '" + input + "' as audio: ")) << run.err;
+            EXPECT_EQ(std::count(run.err.begin(), run.err.end(), '\n'), 1) << run.err;
+            EXPECT_EQ(run.err.find("Internal error"), std::string::npos) << run.err;
+            EXPECT_FALSE(std::filesystem::exists(folder / "out.wav"));
+            return;
+        }
+        ASSERT_EQ(run.exitStatus, 0) << run.err;
+        const Sound result = readSound(folder / "out.wav");
+        EXPECT_EQ(result.frames(), frames);
+        for (float sample : result.samples)
+            ASSERT_TRUE(std::isfinite(sample) && std::fabs(sample) <= 0.995f) << sample;
+        std::filesystem::remove(folder / "out.wav");
+    };
+    for (const Case& c : cases)
+        check(c.name, c.frames);
+    check("/dev/zero", -1);
+    check("pipe.wav", 4800);
+    writer.join();
 }

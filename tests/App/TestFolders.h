@@ -65,16 +65,13 @@ inline std::string readFile(const std::filesystem::path& path)
     return std::string(std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>());
 }
 
-// Makes a folder read-only (mode 0555) and, for this thread, takes away the
-// capabilities that let root write there anyway. Linux keeps capabilities per
-// thread, so the rest of the test program is unaffected; everything is
-// restored when the object goes away.
-class ReadOnlyFolder {
+// For this thread, takes away the capabilities that let root read and write
+// any file; restored when the object goes away. Linux keeps capabilities per
+// thread, so the rest of the test program is unaffected.
+class WithoutFileOverride {
 public:
-    explicit ReadOnlyFolder(std::filesystem::path folder)
-        : folder(std::move(folder))
+    WithoutFileOverride()
     {
-        std::filesystem::permissions(this->folder, std::filesystem::perms(0555));
         header.version = _LINUX_CAPABILITY_VERSION_3;
         header.pid = 0;
         if (syscall(SYS_capget, &header, saved) == 0) {
@@ -84,10 +81,32 @@ public:
             restore = syscall(SYS_capset, &header, lowered) == 0;
         }
     }
-    ~ReadOnlyFolder()
+    WithoutFileOverride(const WithoutFileOverride&) = delete;
+    WithoutFileOverride& operator=(const WithoutFileOverride&) = delete;
+    ~WithoutFileOverride()
     {
         if (restore)
             syscall(SYS_capset, &header, saved);
+    }
+
+private:
+    __user_cap_header_struct header {};
+    __user_cap_data_struct saved[2] {};
+    bool restore = false;
+};
+
+// Makes a folder read-only (mode 0555), even for root (see
+// WithoutFileOverride); the mode is restored when the object goes away.
+class ReadOnlyFolder {
+public:
+    explicit ReadOnlyFolder(std::filesystem::path folder)
+        : folder(std::move(folder))
+        , capabilities((std::filesystem::permissions(this->folder, std::filesystem::perms(0555)), std::make_unique<WithoutFileOverride>()))
+    {
+    }
+    ~ReadOnlyFolder()
+    {
+        capabilities.reset();
         std::filesystem::permissions(folder, std::filesystem::perms(0755));
     }
     // Whether writing into the folder really fails now.
@@ -104,9 +123,7 @@ public:
 
 private:
     std::filesystem::path folder;
-    __user_cap_header_struct header {};
-    __user_cap_data_struct saved[2] {};
-    bool restore = false;
+    std::unique_ptr<WithoutFileOverride> capabilities;
 };
 
 // Every line traced while it exists.

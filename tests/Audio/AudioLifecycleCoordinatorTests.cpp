@@ -10,7 +10,6 @@
 #include <algorithm>
 #include <cmath>
 #include <condition_variable>
-#include <map>
 #include <mutex>
 #include <random>
 #include <stdexcept>
@@ -139,22 +138,6 @@ public:
 };
 
 } // namespace
-
-TEST(AudioLifecycleState, RawValuesAreTheCaseNamesAndBuildTheStateBack)
-{
-    using enum AudioLifecycleState;
-    const std::map<std::string, AudioLifecycleState> expected {
-        { "inactive", inactive }, { "starting", starting }, { "running", running },       { "stopping", stopping },
-        { "failed", failed },     { "sleeping", sleeping }, { "recovering", recovering },
-    };
-    for (const auto& [raw, state] : expected) {
-        EXPECT_EQ(rawValue(state), raw);
-        EXPECT_EQ(audioLifecycleStateFromRawValue(raw), state);
-    }
-    for (std::string unknown : { "", "Running", "idle" })
-        EXPECT_EQ(audioLifecycleStateFromRawValue(unknown), std::nullopt) << unknown;
-    EXPECT_EQ(caseName(AudioLifecycleTrigger::configurationChange), "configurationChange");
-}
 
 // One row per state a queued step can find, one column per request; each cell starts from a fresh coordinator.
 TEST_F(AudioLifecycleCoordinatorTest, TransitionTablePublishesExactlyTheEnteredStates)

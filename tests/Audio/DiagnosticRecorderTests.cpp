@@ -274,3 +274,30 @@ TEST_F(DiagnosticRecorderTest, CapturesWhileTheAudioThreadPushesSeeWholeConsecut
     }
     EXPECT_EQ(allocations.load(), 0u) << "push allocates nothing";
 }
+
+TEST_F(DiagnosticRecorderTest, CapturesArePrivateAndNeverFollowASymbolicLink)
+{
+    DiagnosticRecorder recorder(1, 2, 48000, mainExecutor, [] { return exampleTime; });
+    pushPattern(recorder, 0, 4800, 480);
+    const mode_t previous = ::umask(0);
+    const auto files = recorder.markEvent("chunk", folder, "");
+    ::umask(previous);
+    ASSERT_TRUE(files.has_value());
+    EXPECT_EQ(fs::status(folder).permissions(), fs::perms::owner_all);
+    for (const fs::path& file : { files->raw, files->processed, files->context })
+        EXPECT_EQ(fs::status(file).permissions(), fs::perms::owner_read | fs::perms::owner_write) << file;
+
+    // A link at a capture's file name, and a link in place of the folder.
+    const fs::path victim = root / "victim";
+    std::ofstream(victim) << "precious";
+    fs::remove(files->processed);
+    fs::create_symlink(victim, files->processed);
+    EXPECT_FALSE(recorder.markEvent("chunk", folder, "").has_value());
+    const fs::path elsewhere = root / "elsewhere";
+    fs::create_directory(elsewhere);
+    const fs::path linked = root / "linked-diagnostics";
+    fs::create_directory_symlink(elsewhere, linked);
+    EXPECT_FALSE(recorder.markEvent("chunk", linked, "").has_value());
+    EXPECT_TRUE(readText(victim) == "precious") << "written through the link";
+    EXPECT_TRUE(fs::is_empty(elsewhere));
+}

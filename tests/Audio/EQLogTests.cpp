@@ -173,3 +173,25 @@ TEST_F(EQLogTest, AnUnusableFolderLosesOnlyTheFileLines)
     EXPECT_EQ(standardError(), "[sorva] still traced\n");
     EXPECT_FALSE(std::filesystem::exists(folder / "missing"));
 }
+
+TEST_F(EQLogTest, TheFileIsPrivateAndASymbolicLinkAtItsNameIsRefused)
+{
+    const auto log = folder / "sorva-diagnostic.log";
+    const auto victim = folder / "victim";
+    std::ofstream(victim) << "precious\n";
+    std::filesystem::create_symlink(victim, log);
+    EQLog::trace("first");
+    EQLog::trace("second");
+    EXPECT_EQ(readText(victim), "precious\n");
+    EXPECT_TRUE(std::filesystem::is_symlink(log)) << "the planted link is left for the user to see";
+    const std::string error = standardError();
+    EXPECT_NE(error.find("[sorva] log file refused: " + log.string() + " is a symbolic link\n"), std::string::npos)
+        << error;
+
+    std::filesystem::remove(log);
+    const mode_t previous = ::umask(0);
+    EQLog::trace("third");
+    EXPECT_EQ(fileLines().size(), 1u);
+    ::umask(previous);
+    EXPECT_EQ(std::filesystem::status(log).permissions(), std::filesystem::perms::owner_read | std::filesystem::perms::owner_write);
+}

@@ -13,6 +13,10 @@
 #include <fstream>
 #include <numbers>
 #include <thread>
+#include <functional>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 using namespace std::chrono_literals;
@@ -226,6 +230,52 @@ TEST(RoutingJournal, KeepsEveryEntryAcrossReopeningAndSkipsDamagedLines)
     RoutingJournal blocked(folder / "state" / "routing-journal" / "below-a-file");
     EXPECT_FALSE(blocked.append(plain, error));
     EXPECT_FALSE(error.empty());
+    std::filesystem::remove_all(folder);
+}
+
+// A journal left by anything but this program: garbage, absurd serials, or
+// something other than a file in its place. Each is read in a child process
+// with a time and memory limit, so that a reader that blocks or swallows
+// /dev/zero fails here instead of hanging the test.
+TEST(RoutingJournal, HostileJournalsReadAsTheirWellFormedLinesOnly)
+{
+    const auto folder = std::filesystem::temp_directory_path() / ("sorva-journal-hostile-" + std::to_string(::getpid()));
+    std::filesystem::remove_all(folder);
+    std::filesystem::create_directories(folder);
+    const RoutingJournal::Entry largest { UINT64_MAX, 1, std::nullopt, RoutingJournal::Value { "", "" } };
+    struct Case {
+        const char* name;
+        std::function<void(const std::filesystem::path&)> plant;
+        std::vector<RoutingJournal::Entry> expected;
+    };
+    const Case cases[] = {
+        { "garbage and absurd serials",
+          [&](const auto& p) {
+              std::ofstream(p, std::ios::binary) << std::string("\0\xff\troute\n", 9) << "route\t18446744073709551616\t1\t-\t-\n"
+                                                 << "route\t-1\t1\t-\t-\nroute\t1\t1\t\\q=x\t-\nroute\t1\t1\t-\t-\t-\n"
+                                                 << "route\t18446744073709551615\t1\t-\t=\n" << "route\t1\t1\t-";
+          },
+          { largest } },
+        { "a folder", [](const auto& p) { std::filesystem::create_directory(p); }, {} },
+        { "a pipe nobody writes", [](const auto& p) { ::mkfifo(p.c_str(), 0600); }, {} },
+        { "a link to the zero device", [](const auto& p) { std::filesystem::create_symlink("/dev/zero", p); }, {} },
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        const auto path = folder / c.name;
+        c.plant(path);
+        const pid_t child = ::fork();
+        if (child == 0) {
+            ::alarm(10);
+            const rlimit memory { 1u << 30, 1u << 30 };
+            ::setrlimit(RLIMIT_AS, &memory);
+            ::_exit(RoutingJournal(path).entries() == c.expected ? 0 : 1);
+        }
+        int status = 0;
+        ASSERT_EQ(::waitpid(child, &status, 0), child);
+        EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0)
+            << (WIFSIGNALED(status) ? "killed by signal " + std::to_string(WTERMSIG(status)) : "wrong entries");
+    }
     std::filesystem::remove_all(folder);
 }
 

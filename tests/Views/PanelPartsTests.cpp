@@ -1,0 +1,208 @@
+// The views that talk to the controller or the window: preset pills on the
+// controller with the simulated audio system, the window styler, the credits
+// card and the logo.
+#include "Views/CreditsView.h"
+#include "Views/GlassBackground.h"
+#include "Views/PanelWindowStyler.h"
+#include "Views/PillButton.h"
+#include "Views/PresetPills.h"
+#include "Views/SORVALogo.h"
+
+#include "Audio/EQController.h"
+#include "Audio/EQLog.h"
+#include "Models/EQPresets.h"
+#include "Platform/ManualMainExecutor.h"
+#include "Platform/Simulated/SimulatedAudioHardware.h"
+#include "ViewsTestSupport.h"
+
+#include <gtest/gtest.h>
+
+#include <QFrame>
+#include <QKeyEvent>
+#include <QVBoxLayout>
+
+#include <cstdlib>
+#include <filesystem>
+
+namespace sorva {
+namespace {
+
+// The controller saves every configuration: into a folder of the test's own.
+class PresetPillsTest : public ::testing::Test {
+protected:
+    PresetPillsTest()
+    {
+        testing::viewsApp();
+        std::string pattern = (std::filesystem::temp_directory_path() / "sorva-views-config-XXXXXX").string();
+        folder = mkdtemp(pattern.data());
+        setenv("XDG_CONFIG_HOME", folder.c_str(), 1);
+        hardware->addOutputDevice("Speakers", "speakers", 48000.0, 512);
+        EQController::Environment environment;
+        environment.hardware = hardware;
+        environment.mainExecutor = std::make_shared<ManualMainExecutor>();
+        controller = std::make_unique<EQController>(environment);
+    }
+    ~PresetPillsTest() override
+    {
+        controller.reset();
+        std::error_code ignored;
+        std::filesystem::remove_all(folder, ignored);
+    }
+
+    std::vector<bool> selection(const PresetPills& pills) const
+    {
+        std::vector<bool> selected;
+        for (const PillButton* pill : pills.pills())
+            selected.push_back(pill->isSelected());
+        return selected;
+    }
+
+    std::filesystem::path folder;
+    std::shared_ptr<SimulatedAudioHardware> hardware = std::make_shared<SimulatedAudioHardware>();
+    std::unique_ptr<EQController> controller;
+};
+
+TEST_F(PresetPillsTest, ClickAppliesThePresetAndTheHighlightFollowsTheConfiguration)
+{
+    PresetPills pills(*controller);
+    ASSERT_EQ(pills.pills().size(), 4u);
+    EXPECT_EQ(pills.pills()[0]->text(), QStringLiteral("AIRPODS"));
+    EXPECT_EQ(pills.pills()[3]->text(), QStringLiteral("ROCK"));
+    EXPECT_EQ(selection(pills), (std::vector<bool> { false, false, false, false })); // flat matches nothing
+
+    const EQPreset& rock = EQPresets::all()[3];
+    for (int click = 0; click < 2; ++click) { // the selected pill applies again and stays selected
+        pills.pills()[3]->click();
+        for (size_t i = 0; i < rock.gains.size(); ++i)
+            EXPECT_EQ(controller->config().bands[i].gain, rock.gains[i]);
+        EXPECT_EQ(controller->config().outputGain, rock.outputGain);
+        EXPECT_EQ(selection(pills), (std::vector<bool> { false, false, false, true }));
+    }
+
+    // An edit within half a decibel still matches; a larger one clears the
+    // highlight although Rock was the last pill clicked.
+    EQConfig edited = controller->config();
+    edited.bands[2].gain += 0.4;
+    controller->setConfig(edited);
+    EXPECT_EQ(selection(pills), (std::vector<bool> { false, false, false, true }));
+    edited.bands[2].gain += 1;
+    controller->setConfig(edited);
+    EXPECT_EQ(selection(pills), (std::vector<bool> { false, false, false, false }));
+
+    // Gains set elsewhere to a preset's select its pill.
+    EQConfig vocal = controller->config();
+    for (size_t i = 0; i < vocal.bands.size(); ++i)
+        vocal.bands[i].gain = EQPresets::all()[1].gains[i];
+    controller->setConfig(vocal);
+    EXPECT_EQ(selection(pills), (std::vector<bool> { false, true, false, false }));
+}
+
+TEST_F(PresetPillsTest, PillsStayWholeAndApartInAnyWidth)
+{
+    PresetPills pills(*controller);
+    pills.show(); // resizes reach a shown widget at once
+    // The panel's 280: one row. Narrower: rows of whole pills that do not overlap.
+    for (int width : { 280, 200, 120, 60 }) {
+        pills.resize(width, pills.heightForWidth(width));
+        std::vector<QRect> frames;
+        for (const PillButton* pill : pills.pills()) {
+            const QRect frame = pill->geometry();
+            EXPECT_GE(frame.width(), pill->textSize().width()) << width;
+            EXPECT_TRUE(pills.rect().contains(frame) || frame.width() > width) << width;
+            for (const QRect& other : frames)
+                EXPECT_FALSE(frame.intersects(other)) << width;
+            frames.push_back(frame);
+        }
+        const bool oneRow = frames.front().top() == frames.back().top();
+        EXPECT_EQ(oneRow, width == 280) << width;
+    }
+    EXPECT_GT(pills.heightForWidth(120), pills.heightForWidth(280));
+}
+
+TEST(PanelWindowStyler, StylesItsWindowHidesForeignBackgroundsAndDumpsOnlyWhenAsked)
+{
+    testing::viewsApp();
+    for (const char* inspect : { "", "true", "1" }) {
+        setenv("SORVA_INSPECT", inspect, 1);
+        std::vector<std::string> lines;
+        EQLog::setObserver([&](const std::string& line) { lines.push_back(line); });
+
+        QWidget window;
+        auto* glass = new GlassBackground(GlassBackground::hudWindow, &window);
+        glass->setAutoFillBackground(true);
+        auto* foreign = new QFrame(&window);
+        foreign->setFrameShape(QFrame::Box);
+        foreign->setAutoFillBackground(true);
+        auto* container = new QWidget(&window); // the styler's ancestor keeps its background
+        container->setAutoFillBackground(true);
+        auto* styler = new PanelWindowStyler(container);
+        new QVBoxLayout(container);
+        window.resize(320, 200);
+        window.show();
+        // Styling waits one turn of the event loop after the show.
+        for (int turn = 0; turn < 10 && styler->styledCount() == 0; ++turn)
+            QCoreApplication::processEvents();
+        EQLog::setObserver({});
+
+        ASSERT_GT(styler->styledCount(), 0) << inspect;
+        EXPECT_TRUE(window.testAttribute(Qt::WA_TranslucentBackground));
+        EXPECT_TRUE(window.windowFlags().testFlag(Qt::FramelessWindowHint));
+        EXPECT_FALSE(foreign->autoFillBackground());
+        EXPECT_EQ(foreign->frameShape(), QFrame::NoFrame);
+        EXPECT_TRUE(container->autoFillBackground());
+        EXPECT_TRUE(glass->autoFillBackground());
+        EXPECT_EQ(window.palette().color(QPalette::Window).lightness() < 64, true);
+
+        if (std::string(inspect) == "1") {
+            // window line, the window, glass, frame, container, styler
+            ASSERT_GE(lines.size(), 6u);
+            EXPECT_EQ(lines[0].rfind("window QWidget 320x200", 0), 0u) << lines[0];
+            EXPECT_NE(lines[0].find(" opaque="), std::string::npos);
+            EXPECT_NE(lines[0].find(" bg="), std::string::npos);
+            EXPECT_EQ(lines[1], "QWidget frame=320x200 corner=12 sublayers=3");
+            EXPECT_EQ(lines[2].rfind("  sorva::GlassBackground frame=", 0), 0u) << lines[2];
+            EXPECT_NE(lines[2].find(" corner=12 sublayers=0"), std::string::npos) << lines[2];
+            EXPECT_EQ(lines[5].rfind("    sorva::PanelWindowStyler frame=0x0 sublayers=0", 0), 0u) << lines[5];
+        } else {
+            EXPECT_TRUE(lines.empty()) << inspect << ": " << lines.front();
+        }
+    }
+    unsetenv("SORVA_INSPECT");
+}
+
+TEST(CreditsView, CloseButtonAndEscapeCallOnClose)
+{
+    testing::viewsApp();
+    int closes = 0;
+    CreditsView credits([&] { ++closes; });
+    EXPECT_EQ(credits.sizeHint().width(), 260);
+    credits.closeButton()->click();
+    QKeyEvent escape(QEvent::KeyPress, Qt::Key_Escape, Qt::NoModifier);
+    QApplication::sendEvent(&credits, &escape);
+    EXPECT_EQ(closes, 2);
+    // CLOSE spans the card less its padding of 20 each side.
+    credits.resize(credits.sizeHint());
+    credits.layout()->activate();
+    EXPECT_EQ(credits.closeButton()->width(), 220);
+}
+
+TEST(SORVALogo, ShowsTheImageAtItsHeightOrTheWhiteWordWithoutIt)
+{
+    testing::viewsApp();
+    SORVALogo logo(34);
+    ASSERT_TRUE(logo.showsImage());
+    EXPECT_EQ(logo.sizeHint().height(), 34);
+    EXPECT_GT(logo.sizeHint().width(), 34);
+
+    SORVALogo fallback(34, QStringLiteral(":/no-such-logo.svg"));
+    EXPECT_FALSE(fallback.showsImage());
+    const QImage image = testing::render(fallback, fallback.sizeHint());
+    int white = 0;
+    for (int y = 0; y < image.height(); ++y)
+        for (int x = 0; x < image.width(); ++x)
+            white += testing::near(image.pixelColor(x, y), Qt::white, 2);
+    EXPECT_GT(white, 40); // the word's strokes, fully white
+}
+
+} // namespace
+} // namespace sorva
