@@ -288,7 +288,7 @@ void SystemEQProcessor::processIOCycle(IOCycleContext& context, const AudioBuffe
     if (captureDiag)
         context.recorder.push(context.diagnosticScratch, outSamples, frames);
 
-    context.timing.record(began, hostTicks(), frames);
+    context.timing.record(began, hostTicks(), frames, !silent && !gated);
 }
 
 // Planar stereo (two buffers of one channel on each side): the same steps as
@@ -339,7 +339,7 @@ void SystemEQProcessor::processPlanarCycle(IOCycleContext& context, const AudioB
     if (captureDiag)
         context.recorder.pushPlanar(rawLeft, rawRight, left, right, frames);
 
-    context.timing.record(began, hostTicks(), frames);
+    context.timing.record(began, hostTicks(), frames, !silent && !gated);
 }
 
 } // namespace sorva
