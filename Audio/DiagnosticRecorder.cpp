@@ -144,8 +144,8 @@ DiagnosticRecorder::DiagnosticRecorder(double seconds, int64_t channels, double 
                                     + std::to_string(seconds) + " s, " + std::to_string(channels) + " channels, "
                                     + std::to_string(sampleRate) + " Hz)");
     const auto size = static_cast<size_t>(capacityFrames * channels);
-    rawRing.assign(size, 0.0f);
-    processedRing.assign(size, 0.0f);
+    rawRing = ResidentSamples(size);
+    processedRing = ResidentSamples(size);
 }
 
 DiagnosticRecorder::~DiagnosticRecorder()
@@ -257,7 +257,7 @@ std::optional<DiagnosticRecorder::CaptureFiles> DiagnosticRecorder::markEvent(co
     auto copyFrames = [this](int64_t first, int64_t count, int64_t into) {
         const int64_t slot = first % capacityFrames;
         const int64_t firstRun = std::min(count, capacityFrames - slot);
-        const auto source = [&](const std::vector<float>& ring, int64_t at) { return ring.begin() + static_cast<ptrdiff_t>(at * channels); };
+        const auto source = [&](const ResidentSamples& ring, int64_t at) { return ring.data() + at * channels; };
         const auto target = [&](std::vector<float>& copy, int64_t at) { return copy.begin() + static_cast<ptrdiff_t>(at * channels); };
         std::copy(source(rawRing, slot), source(rawRing, slot + firstRun), target(rawCopy, into));
         std::copy(source(rawRing, 0), source(rawRing, count - firstRun), target(rawCopy, into + firstRun));

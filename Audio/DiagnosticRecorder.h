@@ -15,6 +15,7 @@
 #include "Platform/MainExecutor.h"
 #include "Platform/SerialQueue.h"
 #include "Platform/PriorityInheritanceMutex.h"
+#include "Platform/ResidentSamples.h"
 
 #include <chrono>
 #include <cstdint>
@@ -85,8 +86,9 @@ private:
     static std::error_code writeWAV(std::span<const float> samples, int64_t channels, double sampleRate,
                                     const std::filesystem::path& file);
 
-    std::vector<float> rawRing;
-    std::vector<float> processedRing;
+    // Resident from the start: the audio thread never faults a page in.
+    ResidentSamples rawRing;
+    ResidentSamples processedRing;
     int64_t writeIndex = 0;
     int64_t totalFramesWritten = 0;
     // Priority inheritance: the capture thread, holding it for a slice of
