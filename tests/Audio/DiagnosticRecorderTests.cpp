@@ -1,6 +1,7 @@
 #include "Audio/DiagnosticRecorder.h"
 #include "Audio/EQLog.h"
 #include "Platform/ManualMainExecutor.h"
+#include "EngineTestSupport.h"
 
 #include "AllocationCounter.h"
 
@@ -93,27 +94,15 @@ protected:
         root = pattern;
         EQLog::setDirectoryForTesting(root);
         folder = *EQLog::diagnosticsDirectory();
-        EQLog::setObserver([this](const std::string& line) {
-            std::lock_guard guard(linesLock);
-            lines.push_back(line);
-        });
     }
     void TearDown() override
     {
-        EQLog::setObserver({});
         EQLog::setDirectoryForTesting(std::nullopt);
         fs::remove_all(root);
     }
-    std::vector<std::string> loggedLines()
-    {
-        std::lock_guard guard(linesLock);
-        return lines;
-    }
-
     fs::path root, folder;
     ManualMainExecutor mainExecutor;
-    std::mutex linesLock;
-    std::vector<std::string> lines;
+    LogLines log;
 };
 
 } // namespace
@@ -155,7 +144,7 @@ TEST_F(DiagnosticRecorderTest, CapturesHoldTheHistoryPushedSoFarOldestFirstAcros
     for (const std::string& name : names)
         EXPECT_EQ(name.find(':'), std::string::npos) << name;
     // Pushing logged nothing.
-    EXPECT_EQ(loggedLines(), (std::vector<std::string> {
+    EXPECT_EQ(log.all(), (std::vector<std::string> {
                                  "diagnostic event 'glitch: at 12:00/now' captured -> " + glitch->raw.filename().string(),
                                  "diagnostic event 'chunk' captured -> 2026-03-14T09-26-53Z-chunk-raw.wav" }));
 }
@@ -196,9 +185,9 @@ TEST_F(DiagnosticRecorderTest, MonoAtAFractionalRateBadArgumentsAndFailedWrites)
     EXPECT_THROW(DiagnosticRecorder(1, 0, 48000, mainExecutor), std::invalid_argument);
 
     std::ofstream(root / "not-a-folder") << "x";
-    lines.clear();
+    log.clear();
     EXPECT_FALSE(mono.markEvent("chunk", root / "not-a-folder" / "sub", "").has_value());
-    EXPECT_EQ(loggedLines(), std::vector<std::string> { "diagnostic capture failed: Not a directory" });
+    EXPECT_EQ(log.all(), std::vector<std::string> { "diagnostic capture failed: Not a directory" });
 }
 
 TEST_F(DiagnosticRecorderTest, TimerCapturesEveryIntervalAndKeepsTheNewestCaptures)
