@@ -263,8 +263,10 @@ void EQController::setRunning(bool on)
     }
     EQSettings::setEQEnabled(on);
     EQLog::trace(std::string("setRunning(") + boolText(on) + ") called");
-    postToMain([this, on] {
+    postToMain([this, on, calledAt = hostTicks()] {
         EQLog::trace("setRunning task started");
+        firstFramePending = on;
+        switchedOnTicks = calledAt;
         afterCompletion(lifecycle().setUserEnabled(on),
                         [] { EQLog::trace("setRunning task finished awaiting setUserEnabled"); });
     });
@@ -489,6 +491,25 @@ void EQController::startMonitor()
     });
 }
 
+// Once per switch-on: when the first processed block with sound was handed to
+// the device, counted from setRunning(true) and from the program's launch.
+void EQController::logFirstFrame(RenderTiming& timing)
+{
+    if (!firstFramePending)
+        return;
+    const uint64_t first = timing.firstSoundEnd();
+    if (first == 0)
+        return;
+    firstFramePending = false;
+    if (first < switchedOnTicks)
+        return; // the engine was already running when switched on
+    const uint64_t launched = processStartTicks();
+    const auto ms = [first](uint64_t from) { return static_cast<long long>((first - from) / 1'000'000); };
+    EQLog::trace(format("first equalized frame %lld ms after switch-on, %s", ms(switchedOnTicks),
+                        launched != 0 && launched <= first ? format("%lld ms after launch", ms(launched)).c_str()
+                                                           : "launch time unknown"));
+}
+
 void EQController::poll()
 {
     if (!runningValue)
@@ -530,6 +551,8 @@ void EQController::poll()
     } else {
         return;
     }
+
+    logFirstFrame(buffered ? buffered->timing : processor->timing);
 
     bool signal = peak > 0;
     if (signal)
