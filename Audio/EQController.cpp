@@ -649,6 +649,7 @@ void EQController::waitForService()
     postToMain([this] { afterCompletion(lifecycle().setUserEnabled(false), [] {}); });
     serviceRetryDelay = 1;
     serviceRetryCountdown = 1;
+    serviceOutputWaitTicks = 0;
     serviceRetry = environment.mainExecutor->scheduleRepeating(serviceRetryTick, [this] {
         postToMain([this] { retryService(); });
     });
@@ -661,6 +662,17 @@ void EQController::retryService()
     if (!environment.hardware->serviceAvailable()) {
         serviceRetryDelay = std::min(serviceRetryDelay * 2, serviceRetryMaxTicks);
         serviceRetryCountdown = serviceRetryDelay;
+        return;
+    }
+    // A daemon that has just come back has no default output until its
+    // session manager has set one up again: starting before that fails for
+    // want of a device and stays failed. Wait for it a while; then start
+    // anyway, so that a machine without any output shows that status.
+    AudioObjectID output = kAudioObjectUnknown;
+    bool hasOutput = environment.hardware->defaultOutputDevice(output) == kAudioHardwareNoError
+        && output != kAudioObjectUnknown;
+    if (!hasOutput && ++serviceOutputWaitTicks < serviceOutputWaitMaxTicks) {
+        serviceRetryCountdown = 1;
         return;
     }
     waitingForService = false;

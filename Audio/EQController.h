@@ -156,6 +156,9 @@ public:
     // from one tick).
     static constexpr std::chrono::milliseconds serviceRetryTick { 250 };
     static constexpr int64_t serviceRetryMaxTicks = 8;
+    // Once the service is back, how many ticks to wait for it to offer a
+    // default output before starting regardless.
+    static constexpr int64_t serviceOutputWaitMaxTicks = 20;
     // The status text while the audio service is away.
     static constexpr const char* serviceAwayMessage = "PipeWire is not running — waiting for it to return";
 
@@ -242,6 +245,7 @@ private:
     std::unique_ptr<MainExecutor::Timer> serviceRetry;
     int64_t serviceRetryDelay = 1;
     int64_t serviceRetryCountdown = 1;
+    int64_t serviceOutputWaitTicks = 0;
 
     std::unique_ptr<SleepWatcher> sleepWatcher;
     // Waits for the coordinator's completions, in request order, off the

@@ -482,5 +482,37 @@ TEST_F(ControllerTest, SpectrumFollowsTheEngineOnlyWhileRunningAndStopResetsIt)
     EXPECT_EQ(changes, atStop);
 }
 
+TEST_F(ControllerTest, LostServiceReleasesTheEngineAndStartsAgainOnlyOnceAnOutputIsBack)
+{
+    auto& eq = make();
+    switchOn();
+    AudioObjectID speakers = kAudioObjectUnknown;
+    ASSERT_EQ(hardware->defaultOutputDevice(speakers), kAudioHardwareNoError);
+    auto retryTicks = [&](int count) {
+        for (int i = 0; i < count; ++i) {
+            executor->advance(EQController::serviceRetryTick);
+            executor->runPending();
+        }
+    };
+    hardware->setServiceAvailable(false);
+    tick(false);
+    ASSERT_TRUE(pumpUntil([&] { return !eq.hasSingleDeviceProcessor(); }));
+    EXPECT_EQ(eq.status(), Status::failed(EQController::serviceAwayMessage));
+    // The daemon is back before its session manager has named a default
+    // output: starting now would fail and stay failed, so nothing starts.
+    retryTicks(12);
+    hardware->setDefaultOutputDevice(kAudioObjectUnknown);
+    hardware->setServiceAvailable(true);
+    takeLines();
+    retryTicks(12);
+    EXPECT_EQ(count(takeLines(), "audio service back — starting again"), 0u);
+    hardware->setDefaultOutputDevice(speakers);
+    retryTicks(1);
+    ASSERT_TRUE(pumpUntil([&] { return eq.hasSingleDeviceProcessor(); }));
+    auto log = takeLines();
+    EXPECT_EQ(count(log, "audio service back — starting again"), 1u);
+    EXPECT_EQ(countPrefix(log, "start failed"), 0u) << "no failed start spent while the output was missing";
+}
+
 } // namespace
 } // namespace sorva
