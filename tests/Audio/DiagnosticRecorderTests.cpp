@@ -8,12 +8,9 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <bit>
 #include <chrono>
 #include <cmath>
-#include <cstring>
 #include <fstream>
-#include <iterator>
 #include <mutex>
 #include <thread>
 
@@ -25,12 +22,6 @@ namespace fs = std::filesystem;
 namespace {
 
 const system_clock::time_point exampleTime = sys_days { year { 2026 } / March / 14 } + 9h + 26min + 53s;
-
-std::string readText(const fs::path& file)
-{
-    std::ifstream in(file, std::ios::binary);
-    return { std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>() };
-}
 
 // The 44-byte header of a 32-bit float WAV file, built field by field.
 std::string wavHeader(uint32_t channels, uint32_t rate, uint32_t frames)
@@ -44,14 +35,6 @@ std::string wavHeader(uint32_t channels, uint32_t rate, uint32_t frames)
     h += "RIFF", put(36 + dataBytes, 4), h += "WAVEfmt ", put(16, 4), put(3, 2), put(channels, 2), put(rate, 4);
     put(rate * channels * 4, 4), put(channels * 4, 2), put(32, 2), h += "data", put(dataBytes, 4);
     return h;
-}
-
-std::vector<float> wavSamples(const std::string& bytes)
-{
-    static_assert(std::endian::native == std::endian::little, "the check reads samples in place");
-    std::vector<float> samples((bytes.size() - 44) / 4);
-    std::memcpy(samples.data(), bytes.data() + 44, samples.size() * 4);
-    return samples;
 }
 
 std::vector<std::string> namesIn(const fs::path& folder)

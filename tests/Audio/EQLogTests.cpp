@@ -1,5 +1,6 @@
 #include "Audio/EQLog.h"
 #include "Audio/LogOnce.h"
+#include "EngineTestSupport.h"
 
 #include <gtest/gtest.h>
 
@@ -15,13 +16,6 @@
 using namespace sorva;
 
 namespace {
-
-std::string readText(const std::filesystem::path& file)
-{
-    std::stringstream text;
-    text << std::ifstream(file, std::ios::binary).rdbuf();
-    return text.str();
-}
 
 std::vector<std::string> splitLines(const std::string& text)
 {
