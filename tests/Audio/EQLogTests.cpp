@@ -1,5 +1,6 @@
 #include "Audio/EQLog.h"
 #include "Audio/LogOnce.h"
+#include "EngineTestSupport.h"
 
 #include <gtest/gtest.h>
 
@@ -15,14 +16,6 @@
 using namespace sorva;
 
 namespace {
-
-std::string readText(const std::filesystem::path& file)
-{
-    std::ifstream in(file, std::ios::binary);
-    std::stringstream text;
-    text << in.rdbuf();
-    return text.str();
-}
 
 std::vector<std::string> splitLines(const std::string& text)
 {
@@ -98,10 +91,8 @@ TEST_F(EQLogTest, LinesGoToTheFileStandardErrorAndTheObserverInCallOrder)
     EXPECT_EQ(observed, (std::vector<std::string> { "first", "1nd", "third part one\nthird part two" }));
     const auto file = fileLines();
     ASSERT_EQ(file.size(), 4u);
-    EXPECT_EQ(messageOf(file[0]), "first");
-    EXPECT_EQ(messageOf(file[1]), "1nd");
-    EXPECT_EQ(messageOf(file[2]), "third part one");
-    EXPECT_EQ(file[3], "third part two");
+    EXPECT_EQ((std::vector { messageOf(file[0]), messageOf(file[1]), messageOf(file[2]), file[3] }),
+              (std::vector<std::string> { "first", "1nd", "third part one", "third part two" }));
     EXPECT_EQ(readText(folder / "sorva-diagnostic.log").back(), '\n');
     EXPECT_EQ(standardError(), "[sorva] first\n[sorva] 1nd\n[sorva] third part one\nthird part two\n");
     EXPECT_EQ(EQLog::logFilePath(), folder / "sorva-diagnostic.log");
@@ -149,11 +140,7 @@ TEST_F(EQLogTest, ManyThreadsLogOnceAndWholeLinesInTheirOwnOrder)
 TEST_F(EQLogTest, AnUnusableFolderLosesOnlyTheFileLines)
 {
     EQLog::setDirectoryForTesting(folder / "missing" / "deeper");
-    std::vector<std::string> observed;
-    EQLog::setObserver([&](const std::string& message) { observed.push_back(message); });
     EQLog::trace("still traced");
-    EQLog::setObserver({});
-    EXPECT_EQ(observed, std::vector<std::string> { "still traced" });
     EXPECT_EQ(standardError(), "[sorva] still traced\n");
     EXPECT_FALSE(std::filesystem::exists(folder / "missing"));
 }
@@ -168,9 +155,7 @@ TEST_F(EQLogTest, TheFileIsPrivateAndASymbolicLinkAtItsNameIsRefused)
     EQLog::trace("second");
     EXPECT_EQ(readText(victim), "precious\n");
     EXPECT_TRUE(std::filesystem::is_symlink(log)) << "the planted link is left for the user to see";
-    const std::string error = standardError();
-    EXPECT_NE(error.find("[sorva] log file refused: " + log.string() + " is a symbolic link\n"), std::string::npos)
-        << error;
+    EXPECT_NE(standardError().find("[sorva] log file refused: " + log.string() + " is a symbolic link\n"), std::string::npos);
 
     std::filesystem::remove(log);
     const mode_t previous = ::umask(0);

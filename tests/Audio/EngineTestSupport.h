@@ -1,5 +1,6 @@
-// Helpers shared by the engine and render-path tests: a capture of the trace
-// log, a one-buffer list over a test's samples, and the tap both engines make.
+// Helpers shared by the engine, render-path and recorder tests: a capture of the
+// trace log, a one-buffer list over a test's samples, the tap both engines make
+// and the samples of a captured WAV file.
 // Threads: LogLines may be written from any thread; the rest is single-threaded.
 #pragma once
 
@@ -7,7 +8,12 @@
 #include "Platform/AudioTypes.h"
 #include "Platform/TapDescription.h"
 
+#include <bit>
 #include <cctype>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -83,6 +89,21 @@ inline TapDescription systemTap(AudioObjectID ownProcess, const std::string& uui
     tap.isPrivate = true;
     tap.muteBehavior = TapDescription::MuteBehavior::mutedWhenTapped;
     return tap;
+}
+
+inline std::string readText(const std::filesystem::path& file)
+{
+    std::ifstream in(file, std::ios::binary);
+    return { std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>() };
+}
+
+// The samples of a 32-bit float WAV file's bytes, after its 44-byte header.
+inline std::vector<float> wavSamples(const std::string& bytes)
+{
+    static_assert(std::endian::native == std::endian::little, "the check reads samples in place");
+    std::vector<float> samples((bytes.size() - 44) / 4);
+    std::memcpy(samples.data(), bytes.data() + 44, samples.size() * 4);
+    return samples;
 }
 
 } // namespace sorva

@@ -8,7 +8,6 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
-#include <cstdio>
 #include <limits>
 #include <random>
 
@@ -210,15 +209,7 @@ TEST_F(RenderPath, RecorderGetsRawAndProcessedStereoBlocksUpToTheScratchSize)
     const std::string folder = ::testing::TempDir() + "render-path-capture-" + std::to_string(::getpid());
     const auto files = recorder.markEvent("probe", folder, "");
     ASSERT_TRUE(files);
-    auto samples = [](const std::filesystem::path& file) {
-        std::vector<float> read(std::filesystem::file_size(file) / 4 - 11); // after the 44-byte header
-        FILE* handle = std::fopen(file.c_str(), "rb");
-        std::fseek(handle, 44, SEEK_SET);
-        EXPECT_EQ(std::fread(read.data(), 4, read.size(), handle), read.size());
-        std::fclose(handle);
-        return read;
-    };
-    EXPECT_EQ(samples(files->raw), in);
-    EXPECT_EQ(samples(files->processed), out);
+    EXPECT_EQ(wavSamples(readText(files->raw)), in);
+    EXPECT_EQ(wavSamples(readText(files->processed)), out);
     std::filesystem::remove_all(folder);
 }

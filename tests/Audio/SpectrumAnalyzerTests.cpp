@@ -43,7 +43,7 @@ double sineLevel(double amplitude) { return barLevel(amplitude * std::sqrt(2.0 /
 
 TEST(SpectrumAnalyzer, BinCentredSineLightsBand11RisingQuicklyAndFallingSlowly)
 {
-    SpectrumAnalyzer loud, quiet;
+    SpectrumAnalyzer loud;
     // Full scale reads about +10.3 dB, clamped to 1; the bar rises 60 % of the way per call.
     const std::vector<float> full = sineOnBin(100, 1.0);
     loud.push(full.data(), N, 1);
@@ -61,13 +61,8 @@ TEST(SpectrumAnalyzer, BinCentredSineLightsBand11RisingQuicklyAndFallingSlowly)
     for (int call = 0; call < 5; ++call)
         EXPECT_NEAR(loud.levels()[11], expected *= 0.82f, 1e-6) << "call " << call;
 
-    // A tenth of full scale reads about -9.7 dB.
+    // A tenth of full scale reads about -9.7 dB: the reference the other tests measure against.
     EXPECT_NEAR(sineLevel(0.1), 0.671, 0.001);
-    EXPECT_NEAR(levelsAfterPushing(quiet, sineOnBin(100, 0.1))[11], 0.6 * sineLevel(0.1), 1e-4);
-    for (int call = 0; call < 40; ++call)
-        levels = quiet.levels();
-    EXPECT_NEAR(levels[11], sineLevel(0.1), 1e-4);
-    EXPECT_EQ(levels[10] + levels[12], 0.0f);
 }
 
 TEST(SpectrumAnalyzer, BandsCoverTheLogarithmicBinRanges)

@@ -29,11 +29,7 @@ namespace {
 
 // Sets an environment variable until the end of the scope.
 struct ScopedEnvironment {
-    ScopedEnvironment(const char* name, const char* value)
-        : name(name)
-    {
-        ::setenv(name, value, 1);
-    }
+    ScopedEnvironment(const char* name, const char* value) : name(name) { ::setenv(name, value, 1); }
     ~ScopedEnvironment() { ::unsetenv(name); }
     const char* name;
 };
@@ -128,8 +124,6 @@ struct Engine : ::testing::Test {
 TEST_F(Engine, StartBuildsTheTapAndAggregateOnTheDefaultDeviceAndStopRemovesThemOnce)
 {
     SystemEQProcessor& eq = started();
-    EXPECT_EQ(eq.outputDeviceName, "Speakers");
-    EXPECT_EQ(eq.sampleRate, 48000.0);
     EXPECT_EQ(eq.deviceAtStart(), speakers);
     EXPECT_EQ(hardware.tapDescriptionOf(eq.currentTapID()), systemTap(hardware.ownProcessObject(), eq.tapIdentifier()));
     const AggregateDescription aggregate { .name = "SORVA Output", .uid = "com.sorva.app.aggregate", .isPrivate = true,
@@ -137,9 +131,8 @@ TEST_F(Engine, StartBuildsTheTapAndAggregateOnTheDefaultDeviceAndStopRemovesThem
                                            .subDevices = { { "speakers-uid", 0 } },
                                            .taps = { { uppercase(eq.tapIdentifier()), true } } };
     EXPECT_EQ(hardware.aggregateDescriptionOf(eq.currentAggregateID()), aggregate);
-    EXPECT_EQ(hardware.runningIOProcs(), 1u);
-    EXPECT_EQ(hardware.liveListeners(), 2u);
-    EXPECT_EQ(eq.currentListenerDevice(), speakers);
+    EXPECT_EQ(std::tuple(hardware.runningIOProcs(), hardware.liveListeners(), eq.currentListenerDevice()),
+              std::tuple(1u, 2u, speakers));
     EXPECT_EQ(executor.activeTimers(), 1u) << "the recorder's capture timer";
     EXPECT_EQ(log.count("single-device processor started — output Speakers @ 48000.0 Hz"), 1);
 
@@ -228,21 +221,15 @@ TEST_F(Engine, TestModeTapsOnlyTheNamedApplicationWhenItRuns)
     EXPECT_EQ(log.count("TEST MODE", true), 1);
 }
 
-TEST_F(Engine, BufferSizeIsRequestedOnlyForAnUnsignedNumber)
+TEST_F(Engine, BufferSizeIsRequestedOnlyForAnUnsignedNumberAndARefusalIsLogged)
 {
-    const std::pair<const char*, std::optional<uint32_t>> cases[]
-        = { { "256", 256u }, { "+128", 128u }, { "abc", std::nullopt }, { "", std::nullopt },
-            { "-5", std::nullopt }, { "4294967296", std::nullopt }, { "12 ", std::nullopt } };
+    const std::pair<const char*, std::optional<uint32_t>> cases[] = { { "256", 256u }, { "+128", 128u },
+        { "abc", {} }, { "", {} }, { "-5", {} }, { "4294967296", {} }, { "12 ", {} } };
     for (const auto& [value, request] : cases) {
-        SCOPED_TRACE(value);
         ScopedEnvironment variable("SORVA_IOBUF", value);
-        const int before = log.count("IO buffer request", true);
-        EXPECT_EQ(hardware.requestedBufferFrameSize(started().currentAggregateID()), request);
-        const std::string line = "IO buffer request " + std::to_string(request.value_or(0)) + " frames -> status 0";
-        EXPECT_EQ(log.count(line), request ? 1 : 0);
-        EXPECT_EQ(log.count("IO buffer request", true), before + (request ? 1 : 0));
+        EXPECT_EQ(hardware.requestedBufferFrameSize(started().currentAggregateID()), request) << value;
     }
-    // A refused request is logged with its status and changes nothing else.
+    EXPECT_EQ(log.count("IO buffer request", true), 2);
     ScopedEnvironment variable("SORVA_IOBUF", "64");
     hardware.injectStatus(Call::setBufferFrameSize, -50);
     started();
@@ -278,26 +265,6 @@ TEST_F(Engine, FadesLastOneHundredFiftyMillisecondsInAndOneHundredTwentyOut)
     }
 }
 
-// The render path's own tests pin the cycle; here start's wiring of bands, gain and fade.
-TEST_F(Engine, PlaysTheEqualizedTapMixOnTheAggregate)
-{
-    const std::vector<EQBand> bands { EQBand("Bass", 30, 9), EQBand("Low-Mid", 125, -4), EQBand("Mid", 500, 2),
-                                      EQBand("High-Mid", 2000, 0), EQBand("Treble", 8000, -6) };
-    started(bands, 1.5);
-    BiquadEQ reference(5, 2);
-    reference.update(bands, 1.5, 48000.0);
-    FadeRamp referenceFade;
-    referenceFade.start(7200, 1.0f);
-    std::vector<float> block(512 * 2);
-    for (size_t i = 0; i < block.size(); ++i)
-        block[i] = 0.4f * std::sin(0.01f * float(i * i % 997));
-    auto want = block;
-    reference.processInterleaved(want.data(), 512, 2);
-    referenceFade.apply(want.data(), 512, 2);
-    EXPECT_EQ(cycle(block), want);
-    EXPECT_EQ(log.count("IOProc layout — in 1 buf / 2 ch / 4096 B, out 1 buf / 2 ch / 4096 B"), 1);
-}
-
 TEST_F(Engine, ListenersRebuildOnlyForRealChangesAfterTheSettleTimeAndNeverAfterStop)
 {
     SystemEQProcessor& eq = started();
@@ -324,16 +291,16 @@ TEST_F(Engine, ListenersRebuildOnlyForRealChangesAfterTheSettleTimeAndNeverAfter
     EXPECT_EQ(change(rate(48000.0)), 2) << "the rate handler reads the new default's 44100";
 
     change(device(0), 4);
-    const auto undelivered = [&](std::function<void()> between) {
+    for (const std::function<void()>& between : std::initializer_list<std::function<void()>> {
+             [&] { hardware.setDefaultOutputDevice(speakers); }, // back before the handlers run
+             [&] { hardware.injectStatus(Call::defaultOutputDevice, -1); } }) { // unreadable when they run
         hardware.pauseListenerDelivery();
         hardware.setDefaultOutputDevice(headphones);
         between();
         hardware.resumeListenerDelivery();
         settle();
         hardware.clearInjectedStatuses();
-    };
-    undelivered([&] { hardware.setDefaultOutputDevice(speakers); }); // back before the handlers run
-    undelivered([&] { hardware.injectStatus(Call::defaultOutputDevice, -1); }); // unreadable when they run
+    }
     EXPECT_EQ(configurationChanges, 2);
     EXPECT_EQ(log.count("default output device changed", true), 0);
 
@@ -348,26 +315,6 @@ TEST_F(Engine, ListenersRebuildOnlyForRealChangesAfterTheSettleTimeAndNeverAfter
     eq.stop();
     change(device(headphones));
     EXPECT_EQ(change(rate(96000.0)), 3);
-}
-
-TEST_F(Engine, CapturesContinuouslyWithTheDeviceInTheContext)
-{
-    hardware.setNominalSampleRate(speakers, 44100.0);
-    SystemEQProcessor& eq = started();
-    for (int n = 0; n < 10; ++n)
-        cycle(std::vector<float>(512 * 2, 0.1f));
-    executor.advance(60s); // the recorder's own tests pin the interval
-    eq.recorder.waitForCaptures();
-    std::vector<std::filesystem::path> contexts;
-    for (const auto& entry : std::filesystem::directory_iterator(*EQLog::diagnosticsDirectory()))
-        if (entry.path().string().ends_with("-context.txt"))
-            contexts.push_back(entry.path());
-    ASSERT_EQ(contexts.size(), 1u);
-    std::stringstream text;
-    text << std::ifstream(contexts[0]).rdbuf();
-    EXPECT_TRUE(text.str().ends_with("Architecture: single-device\nOutput device: Speakers\nSample rate: 44100.0 Hz"))
-        << text.str();
-    EXPECT_NE(text.str().find("Captured: 0.1 s (5120 frames)"), std::string::npos) << text.str();
 }
 
 TEST_F(Engine, RunsAgainstAnIOThreadWhileTheMainThreadUpdatesAndPolls)
