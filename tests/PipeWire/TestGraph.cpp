@@ -58,9 +58,11 @@ struct TestGraph::Data {
 
     // Recorder.
     Stream recorder;
+    std::string recorderTarget;
     std::vector<float> recording;
     std::atomic<size_t> recordedFrames { 0 };
     std::atomic<uint32_t> cycleFrames { 0 };
+    std::atomic<uint64_t> totalFrames { 0 };
     // (graph position, first recorded frame) of each recorded cycle.
     std::vector<std::pair<uint64_t, size_t>> cycles;
     std::atomic<size_t> cycleCount { 0 };
@@ -70,7 +72,7 @@ struct TestGraph::Data {
     {
         int seq = pw_core_sync(core, PW_ID_CORE, 0);
         timespec deadline {};
-        pw_thread_loop_get_time(loop, &deadline, 3 * SPA_NSEC_PER_SEC);
+        pw_thread_loop_get_time(loop, &deadline, 30 * SPA_NSEC_PER_SEC);
         while (doneSeq - seq < 0) {
             if (pw_thread_loop_timed_wait_full(loop, &deadline) != 0)
                 return;
@@ -166,6 +168,7 @@ struct TestGraph::Data {
             uint32_t frames = size / 8;
             uint64_t position = recorder.position->clock.position;
             cycleFrames.store(frames);
+            totalFrames.fetch_add(frames);
             size_t have = recordedFrames.load();
             size_t n = std::min<size_t>(frames, recording.size() / 2 - have);
             size_t cycle = cycleCount.load();
@@ -302,10 +305,12 @@ void TestGraph::stopPlayer() { data->disconnect(data->player); }
 void TestGraph::startRecorder(const std::string& speaker, size_t capacityFrames)
 {
     Data::Lock lock(data->loop);
+    data->recorderTarget = speaker;
     data->recording.assign(capacityFrames * 2, 0.0f);
     data->cycles.assign(capacityFrames / 16 + 1, { 0, 0 });
     data->cycleCount = 0;
     data->recordedFrames = 0;
+    data->totalFrames = 0;
     data->recorder.cycle = [d = data.get()] { d->recorderCycle(); };
     data->connect(data->recorder, "test recorder",
                   pw_properties_new(PW_KEY_MEDIA_TYPE, "Audio", PW_KEY_MEDIA_CATEGORY, "Capture", PW_KEY_NODE_NAME,
@@ -320,6 +325,14 @@ std::vector<float> TestGraph::recorded()
     return std::vector<float>(data->recording.begin(), data->recording.begin() + static_cast<long>(frames * 2));
 }
 
+bool TestGraph::freshRecording()
+{
+    const size_t capacity = data->recording.size() / 2;
+    stopRecorder();
+    startRecorder(data->recorderTarget, capacity);
+    return waitFor([&] { return graphFrames() > 0; });
+}
+
 std::optional<uint64_t> TestGraph::recordedFramePosition(size_t frame)
 {
     size_t count = data->cycleCount.load();
@@ -331,6 +344,15 @@ std::optional<uint64_t> TestGraph::recordedFramePosition(size_t frame)
     return std::nullopt;
 }
 uint32_t TestGraph::recorderCycleFrames() { return data->cycleFrames.load(); }
+uint64_t TestGraph::graphFrames() { return data->totalFrames.load(); }
+
+bool TestGraph::waitGraphFrames(uint64_t frames)
+{
+    // The graph runs at 48 kHz; a loaded machine gets three times as long.
+    const uint64_t until = graphFrames() + frames;
+    return waitFor([&] { return graphFrames() >= until; },
+                   eventTimeout + std::chrono::milliseconds(frames * 3000 / 48000));
+}
 
 void TestGraph::stopRecorder() { data->disconnect(data->recorder); }
 
@@ -393,14 +415,14 @@ bool TestGraph::waitFor(const std::function<bool()>& condition, std::chrono::mil
     while (!condition()) {
         if (std::chrono::steady_clock::now() >= deadline)
             return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
     }
     return true;
 }
 
 bool EngineHost::started()
 {
-    const auto line = process.readLine(std::chrono::seconds(15));
+    const auto line = process.readLine(TestGraph::eventTimeout);
     EXPECT_EQ(line, std::optional<std::string>("READY"));
     return line == std::optional<std::string>("READY");
 }
@@ -408,7 +430,7 @@ bool EngineHost::started()
 bool EngineHost::stop()
 {
     process.writeLine("stop");
-    while (auto line = process.readLine(std::chrono::seconds(10))) {
+    while (auto line = process.readLine(TestGraph::eventTimeout)) {
         if (*line == "STOPPED")
             return true;
     }
@@ -432,24 +454,44 @@ double rms(const std::vector<float>& samples, size_t fromFrame, size_t toFrame)
     return std::sqrt(sum / double((toFrame - fromFrame) * 2));
 }
 
+bool linked(TestGraph& graph, const std::string& from, const std::string& to)
+{
+    auto source = graph.nodeID(from), target = graph.nodeID(to);
+    return source && target && graph.linked(*source, *target);
+}
+
 bool playerRoutedToTap(TestGraph& graph)
 {
+    return TestGraph::waitFor([&] {
+        return linked(graph, "sorva_test_player", "sorva_system_tap") && graph.nodeID("speakers")
+            && !linked(graph, "sorva_test_player", "speakers");
+    });
+}
+
+bool playerPlaysDirectly(TestGraph& graph)
+{
     return TestGraph::waitFor(
-        [&] {
-            auto player = graph.nodeID("sorva_test_player");
-            auto tap = graph.nodeID("sorva_system_tap");
-            auto speakers = graph.nodeID("speakers");
-            return player && tap && speakers && graph.linked(*player, *tap) && !graph.linked(*player, *speakers);
-        },
-        std::chrono::seconds(5));
+        [&] { return linked(graph, "sorva_test_player", "speakers") && !graph.nodeID("sorva_system_tap"); });
+}
+
+std::vector<float> playAndRecord(TestGraph& graph)
+{
+    EXPECT_TRUE(graph.freshRecording());
+    graph.armPlayer();
+    EXPECT_TRUE(TestGraph::waitFor([&] { return graph.playerFinished(); }));
+    EXPECT_TRUE(graph.waitGraphFrames(24000));
+    auto recording = graph.recorded();
+    auto first = std::find_if(recording.begin(), recording.end(), [](float s) { return s != 0.0f; });
+    return std::vector<float>(recording.begin() + (first - recording.begin()) / 2 * 2, recording.end());
 }
 
 std::optional<int64_t> impulseDelay(TestGraph& graph, size_t impulseFrame)
 {
-    graph.armPlayer();
-    if (!TestGraph::waitFor([&] { return graph.playerFinished(); }, std::chrono::seconds(10)))
+    if (!graph.freshRecording())
         return std::nullopt;
-    std::this_thread::sleep_for(std::chrono::milliseconds(400));
+    graph.armPlayer();
+    if (!TestGraph::waitFor([&] { return graph.playerFinished(); }) || !graph.waitGraphFrames(19200))
+        return std::nullopt;
     auto recording = graph.recorded();
     size_t peak = 0;
     for (size_t i = 0; i < recording.size(); i += 2) {
@@ -461,6 +503,62 @@ std::optional<int64_t> impulseDelay(TestGraph& graph, size_t impulseFrame)
     if (recording.empty() || !arrived || !played || recording[peak] == 0.0f)
         return std::nullopt;
     return int64_t(*arrived) - int64_t(*played + impulseFrame);
+}
+
+CycleMatch matchByQuanta(const std::vector<float>& received, const std::vector<float>& signal, size_t quantumFrames,
+                         const std::function<std::vector<float>(std::vector<float>)>& chain, int maxLost)
+{
+    const size_t q = quantumFrames * 2; // samples in a quantum
+    std::vector<float> input = signal;
+    std::vector<float> expected = chain(input);
+    size_t outputDrops = 0; // expected quanta the recorder missed
+    CycleMatch result;
+    // Received quantum k against expected quantum k + outputDrops.
+    auto quantumMatches = [&](const std::vector<float>& wanted, size_t k, size_t drops) {
+        const size_t from = (k + drops) * q, at = k * q;
+        if (from >= wanted.size())
+            return true;
+        const size_t n = std::min(q, wanted.size() - from);
+        return at + n <= received.size() && std::equal(wanted.begin() + long(from), wanted.begin() + long(from + n),
+                                                       received.begin() + long(at));
+    };
+    for (size_t k = 0; (k + outputDrops) * q < expected.size(); ++k) {
+        if (k * q >= received.size()) {
+            result.mismatch = "the recording ends at quantum " + std::to_string(k);
+            return result;
+        }
+        if (quantumMatches(expected, k, outputDrops))
+            continue;
+        if (result.lostQuanta == maxLost) {
+            result.mismatch = "quantum " + std::to_string(k) + " differs after " + std::to_string(maxLost) + " lost quanta";
+            return result;
+        }
+        // The hypotheses of a lost quantum, each kept only if this quantum and
+        // the next then match.
+        const size_t j = (k + outputDrops) * q;
+        std::vector<float> silenced = input;
+        silenced.insert(silenced.begin() + long(j), q, 0.0f);
+        std::vector<float> skipped = input;
+        skipped.erase(skipped.begin() + long(j), skipped.begin() + long(std::min(j + q, skipped.size())));
+        bool found = false;
+        for (auto* candidate : { &silenced, &skipped }) {
+            auto output = chain(*candidate);
+            if (quantumMatches(output, k, outputDrops) && quantumMatches(output, k + 1, outputDrops)) {
+                input = *candidate, expected = std::move(output), found = true;
+                break;
+            }
+        }
+        if (!found && quantumMatches(expected, k, outputDrops + 1) && quantumMatches(expected, k + 1, outputDrops + 1))
+            ++outputDrops, found = true;
+        if (!found) {
+            result.mismatch = "quantum " + std::to_string(k) + " (frame " + std::to_string(k * quantumFrames)
+                + ") is not what the chain makes of the signal";
+            return result;
+        }
+        ++result.lostQuanta;
+    }
+    result.matches = true;
+    return result;
 }
 
 std::vector<float> impulseSignal(size_t impulseFrame)
