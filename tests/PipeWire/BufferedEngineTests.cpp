@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <iostream>
 #include <sstream>
 
 using namespace std::chrono_literals;
@@ -49,7 +50,7 @@ void expectLatency(TestGraph& graph, double latency)
     BufferedHost host(latency);
     ASSERT_TRUE(host.started());
     graph.startRecorder("speakers", 48000 * 3);
-    graph.startPlayer(impulseSignal(100));
+    graph.startPlayer(impulseSignal());
     ASSERT_TRUE(playerRoutedToTap(graph));
     // The reader's rate nudging drains an initial excess over seconds of
     // graph time.
@@ -59,10 +60,12 @@ void expectLatency(TestGraph& graph, double latency)
         ASSERT_TRUE(graph.waitGraphFrames(9600));
         const auto ring = host.ring();
         ASSERT_TRUE(ring);
-        settled = ring->second <= prime + quantum ? settled + 1 : 0;
+        // A loaded machine may have lost quanta of the tap: the nudging
+        // raises the ring back to its prime length too.
+        settled = std::abs(ring->second - prime) <= quantum ? settled + 1 : 0;
     }
-    ASSERT_EQ(settled, 3) << "the ring never came down to its prime length";
-    auto delay = impulseDelay(graph, 100);
+    ASSERT_EQ(settled, 3) << "the ring never settled at its prime length";
+    auto delay = impulseDelay(graph);
     ASSERT_TRUE(delay);
     EXPECT_NEAR(double(*delay), double(prime + quantum), double(quantum));
     EXPECT_TRUE(host.stop());
@@ -100,12 +103,18 @@ TEST_F(PipeWireBufferedEngine, PlaysTheOtherProgramEqualizedWithoutUnderruns)
     std::nth_element(windowDB.begin(), windowDB.begin() + windowDB.size() / 2, windowDB.end());
     EXPECT_NEAR(windowDB[windowDB.size() / 2], expectedDB, 0.2) << "an unprocessed copy would sit near 0 dB";
     // Running on for a minute, the player still streaming (the count since
-    // priming reset first): no underrun.
+    // priming reset first): no underrun, unless the graph itself skipped
+    // cycles meanwhile (the recorder sees those), as it does on a machine too
+    // loaded to run its real-time threads in time. A ring that drains on an
+    // unloaded graph still fails.
     ASSERT_TRUE(host.ring());
+    const uint64_t skippedBefore = graph.skippedCycles();
     ASSERT_TRUE(graph.waitGraphFrames(48000 * 60));
     const auto ring = host.ring();
     ASSERT_TRUE(ring);
-    EXPECT_EQ(ring->first, 0);
+    const uint64_t skipped = graph.skippedCycles() - skippedBefore;
+    std::cout << "[ loaded   ] " << ring->first << " underruns, the graph skipped " << skipped << " cycles\n";
+    EXPECT_TRUE(ring->first == 0 || skipped > 0) << ring->first << " underruns on a graph that ran every cycle";
     EXPECT_TRUE(host.stop());
 }
 

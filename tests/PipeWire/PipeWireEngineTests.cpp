@@ -50,8 +50,9 @@ EngineHost engineHost(const std::vector<double>& gains)
 using PipeWireEngine = GraphTest;
 
 // Both paths copy floats at one rate, so the equalizer's output arrives bit
-// for bit: an unprocessed copy leaking through, or SORVA's output fed back
-// into its tap, changes bits. Feedback would also outlive the player.
+// for bit, followed by its own decay once the player plays silence: an
+// unprocessed copy leaking through, or SORVA's output fed back into its tap,
+// changes bits.
 TEST_F(PipeWireEngine, EqualizesAnotherProgramExactlyLeaksNothingAndFeedsNothingBack)
 {
     struct Case {
@@ -72,15 +73,13 @@ TEST_F(PipeWireEngine, EqualizesAnotherProgramExactlyLeaksNothingAndFeedsNothing
         ASSERT_TRUE(playerRoutedToTap(graph));
         ASSERT_TRUE(graph.waitGraphFrames(14400)); // the 150 ms fade-in plays out on silence
 
-        const auto received = playAndRecord(graph);
-        const auto match = matchByQuanta(received, c.signal, graph.recorderCycleFrames(),
+        auto withSilence = c.signal;
+        withSilence.resize(withSilence.size() + 14400 * 2, 0.0f);
+        const auto match = matchByQuanta(playAndRecord(graph), withSilence, graph.recorderCycleFrames(),
                                          [&](std::vector<float> input) { return equalized(std::move(input), c.gains); });
         EXPECT_TRUE(match.matches) << match.mismatch;
         if (match.lostQuanta > 0)
             std::cout << "[ loaded   ] the graph lost " << match.lostQuanta << " quanta\n";
-        const size_t end = c.signal.size() / 2 + size_t(match.lostQuanta) * graph.recorderCycleFrames();
-        ASSERT_GT(received.size() / 2, end + 14400);
-        EXPECT_LT(20.0 * std::log10(rms(received, end + 2400, end + 14400) / 0.25 + 1e-12), -90.0);
         // The user's default devices stay what they were.
         EXPECT_EQ(graph.metadata(0, "default.audio.sink"), std::optional<std::string>("{\"name\":\"speakers\"}"));
         EXPECT_EQ(graph.metadata(0, "default.audio.source").value_or("").find("sorva"), std::string::npos);
@@ -94,10 +93,10 @@ TEST_F(PipeWireEngine, EqualizesAnotherProgramExactlyLeaksNothingAndFeedsNothing
 TEST_F(PipeWireEngine, AddsNoLatencyToTheDirectPath)
 {
     graph.startRecorder("speakers", 48000 * 3);
-    graph.startPlayer(impulseSignal(100));
+    graph.startPlayer(impulseSignal());
     ASSERT_TRUE(playerPlaysDirectly(graph));
     ASSERT_TRUE(graph.waitGraphFrames(9600));
-    auto direct = impulseDelay(graph, 100);
+    auto direct = impulseDelay(graph);
     ASSERT_TRUE(direct);
     graph.stopPlayer();
     graph.stopRecorder();
@@ -105,10 +104,10 @@ TEST_F(PipeWireEngine, AddsNoLatencyToTheDirectPath)
     auto host = engineHost({ 0, 0, 0, 0, 0 });
     ASSERT_TRUE(host.started());
     graph.startRecorder("speakers", 48000 * 3);
-    graph.startPlayer(impulseSignal(100));
+    graph.startPlayer(impulseSignal());
     ASSERT_TRUE(playerRoutedToTap(graph));
     ASSERT_TRUE(graph.waitGraphFrames(14400));
-    auto throughSORVA = impulseDelay(graph, 100);
+    auto throughSORVA = impulseDelay(graph);
     ASSERT_TRUE(throughSORVA);
     EXPECT_EQ(*throughSORVA, *direct);
     std::cout << "[ latency  ] direct path " << *direct << " frames, through SORVA " << *throughSORVA << " frames\n";
@@ -149,7 +148,9 @@ TEST_F(PipeWireEngine, StopAndTheNextStartAfterACrashRestoreTheRouting)
         EXPECT_TRUE(TestGraph::waitFor([&] { return target() == "speakers"; })) << target().value_or("(none)");
         ASSERT_TRUE(playerPlaysDirectly(graph));
         EXPECT_TRUE(TestGraph::waitFor([&] { return !graph.nodeID("sorva_output"); }));
-        const auto match = matchByQuanta(playAndRecord(graph), signal, graph.recorderCycleFrames(),
+        auto withSilence = signal;
+        withSilence.resize(signal.size() + 4800 * 2, 0.0f);
+        const auto match = matchByQuanta(playAndRecord(graph), withSilence, graph.recorderCycleFrames(),
                                          [](std::vector<float> input) { return input; });
         EXPECT_TRUE(match.matches) << "after stop the program must sound as it plays: " << match.mismatch;
     }

@@ -54,7 +54,9 @@ struct TestGraph::Data {
     size_t cursor = 0;
     std::atomic<bool> armed { false };
     std::atomic<bool> finished { false };
-    std::atomic<int64_t> playerStart { -1 };
+    // (graph position, first signal frame) of each cycle that carried signal.
+    std::vector<std::pair<uint64_t, size_t>> playerCycles;
+    std::atomic<size_t> playerCycleCount { 0 };
 
     // Recorder.
     Stream recorder;
@@ -63,6 +65,9 @@ struct TestGraph::Data {
     std::atomic<size_t> recordedFrames { 0 };
     std::atomic<uint32_t> cycleFrames { 0 };
     std::atomic<uint64_t> totalFrames { 0 };
+    // Cycles the recorder saw the graph clock skip: it was not run for them.
+    std::atomic<uint64_t> skippedCycles { 0 };
+    uint64_t nextPosition = 0;
     // (graph position, first recorded frame) of each recorded cycle.
     std::vector<std::pair<uint64_t, size_t>> cycles;
     std::atomic<size_t> cycleCount { 0 };
@@ -141,8 +146,11 @@ struct TestGraph::Data {
         uint32_t frames = std::min<uint32_t>(b->requested ? static_cast<uint32_t>(b->requested) : 1024, d.maxsize / 8);
         std::memset(out, 0, frames * 8);
         if (armed.load() && !finished.load()) {
-            if (cursor == 0 && player.position)
-                playerStart.store(static_cast<int64_t>(player.position->clock.position));
+            const size_t cycle = playerCycleCount.load();
+            if (player.position && cycle < playerCycles.size()) {
+                playerCycles[cycle] = { player.position->clock.position, cursor };
+                playerCycleCount.store(cycle + 1);
+            }
             size_t left = signal.size() / 2 - cursor;
             size_t n = std::min<size_t>(frames, left);
             std::memcpy(out, signal.data() + cursor * 2, n * 8);
@@ -167,6 +175,9 @@ struct TestGraph::Data {
             uint32_t size = std::min(d.chunk->size, d.maxsize - offset);
             uint32_t frames = size / 8;
             uint64_t position = recorder.position->clock.position;
+            if (totalFrames.load() > 0 && position > nextPosition && frames > 0)
+                skippedCycles.fetch_add((position - nextPosition + frames - 1) / frames);
+            nextPosition = position + frames;
             cycleFrames.store(frames);
             totalFrames.fetch_add(frames);
             size_t have = recordedFrames.load();
@@ -278,11 +289,12 @@ bool TestGraph::connected() const { return data->core != nullptr; }
 void TestGraph::startPlayer(std::vector<float> signal)
 {
     Data::Lock lock(data->loop);
+    data->playerCycles.assign(signal.size() / 2 / 16 + 1, { 0, 0 });
+    data->playerCycleCount = 0;
     data->signal = std::move(signal);
     data->cursor = 0;
     data->armed = false;
     data->finished = false;
-    data->playerStart = -1;
     data->player.cycle = [d = data.get()] { d->playerCycle(); };
     data->connect(data->player, "test player",
                   pw_properties_new(PW_KEY_MEDIA_TYPE, "Audio", PW_KEY_MEDIA_CATEGORY, "Playback", PW_KEY_MEDIA_ROLE,
@@ -294,10 +306,14 @@ void TestGraph::startPlayer(std::vector<float> signal)
 void TestGraph::armPlayer() { data->armed = true; }
 bool TestGraph::playerFinished() { return data->finished.load(); }
 
-std::optional<uint64_t> TestGraph::playerStartPosition()
+std::optional<uint64_t> TestGraph::playedFramePosition(size_t frame)
 {
-    int64_t p = data->playerStart.load();
-    return p < 0 ? std::nullopt : std::optional<uint64_t>(static_cast<uint64_t>(p));
+    for (size_t i = data->playerCycleCount.load(); i-- > 0;) {
+        auto [position, first] = data->playerCycles[i];
+        if (first <= frame)
+            return position + (frame - first);
+    }
+    return std::nullopt;
 }
 
 void TestGraph::stopPlayer() { data->disconnect(data->player); }
@@ -311,6 +327,7 @@ void TestGraph::startRecorder(const std::string& speaker, size_t capacityFrames)
     data->cycleCount = 0;
     data->recordedFrames = 0;
     data->totalFrames = 0;
+    data->skippedCycles = 0;
     data->recorder.cycle = [d = data.get()] { d->recorderCycle(); };
     data->connect(data->recorder, "test recorder",
                   pw_properties_new(PW_KEY_MEDIA_TYPE, "Audio", PW_KEY_MEDIA_CATEGORY, "Capture", PW_KEY_NODE_NAME,
@@ -345,6 +362,7 @@ std::optional<uint64_t> TestGraph::recordedFramePosition(size_t frame)
 }
 uint32_t TestGraph::recorderCycleFrames() { return data->cycleFrames.load(); }
 uint64_t TestGraph::graphFrames() { return data->totalFrames.load(); }
+uint64_t TestGraph::skippedCycles() { return data->skippedCycles.load(); }
 
 bool TestGraph::waitGraphFrames(uint64_t frames)
 {
@@ -485,74 +503,107 @@ std::vector<float> playAndRecord(TestGraph& graph)
     return std::vector<float>(recording.begin() + (first - recording.begin()) / 2 * 2, recording.end());
 }
 
-std::optional<int64_t> impulseDelay(TestGraph& graph, size_t impulseFrame)
+std::optional<int64_t> impulseDelay(TestGraph& graph)
 {
     if (!graph.freshRecording())
         return std::nullopt;
     graph.armPlayer();
     if (!TestGraph::waitFor([&] { return graph.playerFinished(); }) || !graph.waitGraphFrames(19200))
         return std::nullopt;
-    auto recording = graph.recorded();
-    size_t peak = 0;
-    for (size_t i = 0; i < recording.size(); i += 2) {
-        if (std::fabs(recording[i]) > std::fabs(recording[peak]))
-            peak = i;
+    // Each recorded spike against the impulse played before it; a quantum
+    // the loaded graph lost takes one impulse with it, not the measure.
+    const auto recording = graph.recorded();
+    std::map<int64_t, int> delays;
+    for (size_t frame = 0; frame < recording.size() / 2; ++frame) {
+        const auto arrived = graph.recordedFramePosition(frame);
+        if (std::fabs(recording[frame * 2]) < 0.25f || !arrived)
+            continue;
+        for (size_t i = impulseCount; i-- > 0;) {
+            const auto played = graph.playedFramePosition(impulseFrame(i));
+            if (played && *played <= *arrived && *arrived - *played < impulseSpacing) {
+                ++delays[int64_t(*arrived - *played)];
+                break;
+            }
+        }
     }
-    auto arrived = graph.recordedFramePosition(peak / 2);
-    auto played = graph.playerStartPosition();
-    if (recording.empty() || !arrived || !played || recording[peak] == 0.0f)
+    auto most = std::max_element(delays.begin(), delays.end(), [](auto& a, auto& b) { return a.second < b.second; });
+    if (most == delays.end() || most->second * 2 <= int(impulseCount))
         return std::nullopt;
-    return int64_t(*arrived) - int64_t(*played + impulseFrame);
+    return most->first;
 }
 
 CycleMatch matchByQuanta(const std::vector<float>& received, const std::vector<float>& signal, size_t quantumFrames,
                          const std::function<std::vector<float>(std::vector<float>)>& chain, int maxLost)
 {
-    const size_t q = quantumFrames * 2; // samples in a quantum
+    const long q = long(quantumFrames) * 2; // samples in a quantum
     std::vector<float> input = signal;
     std::vector<float> expected = chain(input);
-    size_t outputDrops = 0; // expected quanta the recorder missed
+    long shift = 0; // expected quanta the recording is ahead (+) or behind (-)
     CycleMatch result;
-    // Received quantum k against expected quantum k + outputDrops.
-    auto quantumMatches = [&](const std::vector<float>& wanted, size_t k, size_t drops) {
-        const size_t from = (k + drops) * q, at = k * q;
-        if (from >= wanted.size())
-            return true;
-        const size_t n = std::min(q, wanted.size() - from);
-        return at + n <= received.size() && std::equal(wanted.begin() + long(from), wanted.begin() + long(from + n),
-                                                       received.begin() + long(at));
+    // Received quantum k against expected quantum k + s.
+    auto matches = [&](const std::vector<float>& wanted, long k, long s) {
+        const long from = (k + s) * q, at = k * q;
+        if (from < 0 || from >= long(wanted.size()))
+            return from >= long(wanted.size());
+        const long n = std::min(q, long(wanted.size()) - from);
+        return at + n <= long(received.size())
+            && std::equal(wanted.begin() + from, wanted.begin() + from + n, received.begin() + at);
     };
-    for (size_t k = 0; (k + outputDrops) * q < expected.size(); ++k) {
-        if (k * q >= received.size()) {
+    auto silent = [&](long k) {
+        const long at = k * q, end = std::min(at + q, long(received.size()));
+        return at < end && std::all_of(received.begin() + at, received.begin() + end, [](float x) { return x == 0.0f; });
+    };
+    // Where received quantum k's first frames appear in what was expected.
+    auto describe = [&](long k) {
+        if (silent(k))
+            return std::string("silent");
+        const long at = k * q;
+        const long n = std::min<long>(16, long(received.size()) - at);
+        auto found = std::search(expected.begin(), expected.end(), received.begin() + at, received.begin() + at + n);
+        return found == expected.end() ? std::string("found nowhere in the expected output")
+                                       : "expected at frame " + std::to_string((found - expected.begin()) / 2);
+    };
+    for (long k = 0; (k + shift) * q < long(expected.size()); ++k) {
+        if (k * q >= long(received.size())) {
             result.mismatch = "the recording ends at quantum " + std::to_string(k);
             return result;
         }
-        if (quantumMatches(expected, k, outputDrops))
+        if (matches(expected, k, shift))
             continue;
+        const std::string where = "quantum " + std::to_string(k) + " (frame " + std::to_string(k * q / 2) + ", "
+            + describe(k) + ")";
         if (result.lostQuanta == maxLost) {
-            result.mismatch = "quantum " + std::to_string(k) + " differs after " + std::to_string(maxLost) + " lost quanta";
+            result.mismatch = where + " differs after " + std::to_string(maxLost) + " lost quanta";
             return result;
         }
-        // The hypotheses of a lost quantum, each kept only if this quantum and
-        // the next then match.
-        const size_t j = (k + outputDrops) * q;
+        // The ways a loaded graph loses a quantum, each kept only if this
+        // quantum and the next then match: the chain got a quantum of silence
+        // instead of the signal (which then comes a quantum later), or never
+        // got a quantum of it; the recorder missed a quantum; the speakers got
+        // silence for one quantum, in place of it or before it.
+        const long j = (k + shift) * q;
         std::vector<float> silenced = input;
-        silenced.insert(silenced.begin() + long(j), q, 0.0f);
+        silenced.insert(silenced.begin() + j, size_t(q), 0.0f);
         std::vector<float> skipped = input;
-        skipped.erase(skipped.begin() + long(j), skipped.begin() + long(std::min(j + q, skipped.size())));
+        skipped.erase(skipped.begin() + j, skipped.begin() + std::min(j + q, long(skipped.size())));
         bool found = false;
         for (auto* candidate : { &silenced, &skipped }) {
             auto output = chain(*candidate);
-            if (quantumMatches(output, k, outputDrops) && quantumMatches(output, k + 1, outputDrops)) {
+            if (matches(output, k, shift) && matches(output, k + 1, shift)) {
                 input = *candidate, expected = std::move(output), found = true;
                 break;
             }
         }
-        if (!found && quantumMatches(expected, k, outputDrops + 1) && quantumMatches(expected, k + 1, outputDrops + 1))
-            ++outputDrops, found = true;
+        for (long s : { shift + 1, shift - 1 }) {
+            if (!found && (s > shift || silent(k)) && matches(expected, k + (s > shift ? 0 : 1), s)
+                && matches(expected, k + 1, s)) {
+                shift = s, found = true;
+            }
+        }
+        if (!found && silent(k) && matches(expected, k + 1, shift))
+            found = true;
         if (!found) {
-            result.mismatch = "quantum " + std::to_string(k) + " (frame " + std::to_string(k * quantumFrames)
-                + ") is not what the chain makes of the signal";
+            result.mismatch = where + " is not what the chain makes of the signal";
             return result;
         }
         ++result.lostQuanta;
@@ -561,11 +612,14 @@ CycleMatch matchByQuanta(const std::vector<float>& received, const std::vector<f
     return result;
 }
 
-std::vector<float> impulseSignal(size_t impulseFrame)
+size_t impulseFrame(size_t i) { return 100 + i * impulseSpacing; }
+
+std::vector<float> impulseSignal()
 {
-    std::vector<float> impulse(4800 * 2, 0.0f);
-    impulse[impulseFrame * 2] = impulse[impulseFrame * 2 + 1] = 0.5f;
-    return impulse;
+    std::vector<float> impulses(impulseCount * impulseSpacing * 2, 0.0f);
+    for (size_t i = 0; i < impulseCount; ++i)
+        impulses[impulseFrame(i) * 2] = impulses[impulseFrame(i) * 2 + 1] = 0.5f;
+    return impulses;
 }
 
 } // namespace sorva::testing

@@ -39,8 +39,9 @@ public:
     void startPlayer(std::vector<float> signal);
     void armPlayer();
     bool playerFinished();
-    // Graph position of the cycle that carried the signal's first frame.
-    std::optional<uint64_t> playerStartPosition();
+    // Graph position of the cycle that carried a frame of the signal (cycles
+    // are remembered one by one, like the recorder's).
+    std::optional<uint64_t> playedFramePosition(size_t frame);
     void stopPlayer();
 
     // Recorder of the speaker node's monitor (at most capacityFrames frames).
@@ -58,6 +59,9 @@ public:
     // capacity too: the graph's own clock, which a loaded machine slows down
     // for every node alike.
     uint64_t graphFrames();
+    // Cycles of the graph clock the recorder was not run for since it
+    // started: the machine was too loaded to run every node in time.
+    uint64_t skippedCycles();
     // Waits until the recorder has seen this many more frames.
     bool waitGraphFrames(uint64_t frames);
     void stopRecorder();
@@ -123,10 +127,10 @@ bool playerPlaysDirectly(TestGraph& graph);
 // played and half a second of graph time more has been recorded; the
 // recording from its first non-zero frame on.
 std::vector<float> playAndRecord(TestGraph& graph);
-// Plays the player's signal once into a fresh recording; the graph frames
-// from the frame that carried impulseFrame to the frame where the recording
-// peaks.
-std::optional<int64_t> impulseDelay(TestGraph& graph, size_t impulseFrame);
+// Plays the player's impulseSignal() once into a fresh recording; the graph
+// frames from the cycle position of an impulse played to that of its arrival,
+// the same for most of the impulses.
+std::optional<int64_t> impulseDelay(TestGraph& graph);
 // Whether the recording (from the signal's first frame on) is, bit for bit,
 // what `chain` makes of the signal, quantum by quantum. On a loaded machine
 // the graph may lose a few whole quanta for every node alike: a quantum of
@@ -143,7 +147,9 @@ struct CycleMatch {
 CycleMatch matchByQuanta(const std::vector<float>& received, const std::vector<float>& signal, size_t quantumFrames,
                          const std::function<std::vector<float>(std::vector<float>)>& chain, int maxLost = 4);
 
-// 4800 frames of silence with a 0.5 impulse at impulseFrame.
-std::vector<float> impulseSignal(size_t impulseFrame);
+// Silence with impulseCount impulses of 0.5, impulseSpacing frames apart.
+constexpr size_t impulseCount = 4, impulseSpacing = 24000;
+size_t impulseFrame(size_t i);
+std::vector<float> impulseSignal();
 
 } // namespace sorva::testing
