@@ -510,26 +510,29 @@ std::optional<int64_t> impulseDelay(TestGraph& graph)
     graph.armPlayer();
     if (!TestGraph::waitFor([&] { return graph.playerFinished(); }) || !graph.waitGraphFrames(19200))
         return std::nullopt;
-    // Each recorded spike against the impulse played before it; a quantum
-    // the loaded graph lost takes one impulse with it, not the measure.
+    // Each impulse's loudest recorded frame within the spacing after it
+    // was played (the buffered path may spread it over two frames); a
+    // quantum the loaded graph lost takes one impulse with it, not the
+    // measure: the median of at least three.
     const auto recording = graph.recorded();
-    std::map<int64_t, int> delays;
+    std::vector<std::pair<float, int64_t>> loudest(impulseCount, { 0.1f, 0 });
     for (size_t frame = 0; frame < recording.size() / 2; ++frame) {
         const auto arrived = graph.recordedFramePosition(frame);
-        if (std::fabs(recording[frame * 2]) < 0.25f || !arrived)
-            continue;
-        for (size_t i = impulseCount; i-- > 0;) {
+        for (size_t i = 0; arrived && i < impulseCount; ++i) {
             const auto played = graph.playedFramePosition(impulseFrame(i));
-            if (played && *played <= *arrived && *arrived - *played < impulseSpacing) {
-                ++delays[int64_t(*arrived - *played)];
-                break;
-            }
+            if (played && *played <= *arrived && *arrived - *played < impulseSpacing
+                && std::fabs(recording[frame * 2]) > loudest[i].first)
+                loudest[i] = { std::fabs(recording[frame * 2]), int64_t(*arrived - *played) };
         }
     }
-    auto most = std::max_element(delays.begin(), delays.end(), [](auto& a, auto& b) { return a.second < b.second; });
-    if (most == delays.end() || most->second * 2 <= int(impulseCount))
+    std::vector<int64_t> delays;
+    for (auto [level, delay] : loudest)
+        if (level > 0.1f)
+            delays.push_back(delay);
+    if (delays.size() < 3)
         return std::nullopt;
-    return most->first;
+    std::sort(delays.begin(), delays.end());
+    return delays[delays.size() / 2];
 }
 
 CycleMatch matchByQuanta(const std::vector<float>& received, const std::vector<float>& signal, size_t quantumFrames,
@@ -577,10 +580,14 @@ CycleMatch matchByQuanta(const std::vector<float>& received, const std::vector<f
             return result;
         }
         // The ways a loaded graph loses a quantum, each kept only if this
-        // quantum and the next then match: the chain got a quantum of silence
-        // instead of the signal (which then comes a quantum later), or never
-        // got a quantum of it; the recorder missed a quantum; the speakers got
-        // silence for one quantum, in place of it or before it.
+        // quantum (and the next, unless it is lost too) then matches: the
+        // chain got a quantum of silence instead of the signal (which then
+        // comes a quantum later), or never got a quantum of it; the recorder
+        // missed a quantum, or the speakers got a quantum late; the speakers
+        // got silence for one quantum.
+        auto holds = [&](const std::vector<float>& wanted, long s) {
+            return matches(wanted, k, s) && (silent(k + 1) || matches(wanted, k + 1, s));
+        };
         const long j = (k + shift) * q;
         std::vector<float> silenced = input;
         silenced.insert(silenced.begin() + j, size_t(q), 0.0f);
@@ -589,19 +596,16 @@ CycleMatch matchByQuanta(const std::vector<float>& received, const std::vector<f
         bool found = false;
         for (auto* candidate : { &silenced, &skipped }) {
             auto output = chain(*candidate);
-            if (matches(output, k, shift) && matches(output, k + 1, shift)) {
+            if (holds(output, shift)) {
                 input = *candidate, expected = std::move(output), found = true;
                 break;
             }
         }
         for (long s : { shift + 1, shift - 1 }) {
-            if (!found && (s > shift || silent(k)) && matches(expected, k + (s > shift ? 0 : 1), s)
-                && matches(expected, k + 1, s)) {
+            if (!found && holds(expected, s))
                 shift = s, found = true;
-            }
         }
-        if (!found && silent(k) && matches(expected, k + 1, shift))
-            found = true;
+        found = found || silent(k);
         if (!found) {
             result.mismatch = where + " is not what the chain makes of the signal";
             return result;
