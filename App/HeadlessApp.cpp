@@ -1,11 +1,9 @@
 #include "App/HeadlessApp.h"
 
-#include "App/SimulatedSystem.h"
+#include "App/ProgramEnvironment.h"
 
 #include "Audio/EQController.h"
 #include "Audio/EQLog.h"
-#include "Platform/QtMainExecutor.h"
-#include "Platform/Simulated/SimulatedOutputEngine.h"
 #include "Platform/TerminationSignals.h"
 
 #include <QCoreApplication>
@@ -16,6 +14,8 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <optional>
+#include <string>
 #include <unistd.h>
 
 namespace sorva {
@@ -49,28 +49,22 @@ int runHeadless(int argc, char** argv, const HeadlessOptions& options)
     QCoreApplication app(argc, argv);
     QCoreApplication::setApplicationName(QStringLiteral("sorva"));
 
-    std::unique_ptr<SimulatedSystem> simulated;
-    EQController::Environment environment;
-    if (options.simulate) {
-        simulated = std::make_unique<SimulatedSystem>();
-        environment.hardware = simulated->hardware;
-        // Plays nothing: the buffered engine's output just pulls its blocks.
-        environment.makeOutputEngine = [] { return std::make_unique<SimulatedOutputEngine>(); };
-        environment.mainExecutor = std::make_shared<QtMainExecutor>();
-        environment.now = EQController::wallClockSeconds;
-        std::fprintf(stderr, "sorva: running on the simulated audio system (a generated signal, nothing is played)\n");
-    } else {
-        std::string problem;
-        environment = EQController::productionEnvironment(&problem);
-        if (!environment.hardware) {
-            // The backend's own log line comes first, the verdict last.
-            EQLog::flush();
-            std::fprintf(stderr, "sorva: %s\n", problem.c_str());
-            return 1;
-        }
-    }
-    EQController::setSharedEnvironment(std::move(environment));
+    ProgramEnvironment environment;
+    if (!environment.install(options.simulate))
+        return 1;
     EQController& controller = EQController::shared();
+
+    // Without a panel the log is where the status shows: each change of kind
+    // (or of a failure's message), not each second's new peak.
+    QObject::connect(&controller, &EQController::statusChanged, &app,
+                     [last = std::optional<EQController::Status>()](const EQController::Status& status) mutable {
+                         if (last && last->kind == status.kind && last->message == status.message)
+                             return;
+                         last = status;
+                         std::string text = status.kind == EQController::Status::Case::capturing ? "capturing"
+                                                                                                 : status.description();
+                         EQLog::trace("status: " + text);
+                     });
 
     TerminationSignals termination;
     QObject::connect(&termination, &TerminationSignals::received, &app, [&controller](int signalNumber) {
@@ -90,13 +84,11 @@ int runHeadless(int argc, char** argv, const HeadlessOptions& options)
             controller.restorePreviousState();
     });
 
-    if (simulated)
-        simulated->driver->start();
+    environment.startSimulation();
     int status = QCoreApplication::exec();
     // A quit without a signal (none today) still leaves nothing running.
     controller.stopProcessor();
-    if (simulated)
-        simulated->driver->stop();
+    environment.stopSimulation();
     EQController::destroyShared();
     EQLog::flush();
     return status;

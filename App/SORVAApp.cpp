@@ -2,13 +2,11 @@
 
 #include "App/AppDelegate.h"
 #include "App/PanelWindow.h"
-#include "App/SimulatedSystem.h"
+#include "App/ProgramEnvironment.h"
 #include "App/SingleInstance.h"
 #include "App/TestProbe.h"
 #include "Audio/EQController.h"
 #include "Audio/EQLog.h"
-#include "Platform/QtMainExecutor.h"
-#include "Platform/Simulated/SimulatedOutputEngine.h"
 #include "Platform/TerminationSignals.h"
 #include "Views/EQPanelView.h"
 #include "Views/SORVATheme.h"
@@ -165,25 +163,9 @@ int runPanelApp(int argc, char** argv, const PanelAppOptions& options)
         return 0;
     }
 
-    std::unique_ptr<SimulatedSystem> simulated;
-    EQController::Environment environment;
-    if (options.simulate) {
-        simulated = std::make_unique<SimulatedSystem>();
-        environment.hardware = simulated->hardware;
-        environment.makeOutputEngine = [] { return std::make_unique<SimulatedOutputEngine>(); };
-        environment.mainExecutor = std::make_shared<QtMainExecutor>();
-        environment.now = EQController::wallClockSeconds;
-        std::fprintf(stderr, "sorva: running on the simulated audio system (a generated signal, nothing is played)\n");
-    } else {
-        std::string problem;
-        environment = EQController::productionEnvironment(&problem);
-        if (!environment.hardware) {
-            EQLog::flush();
-            std::fprintf(stderr, "sorva: %s\n", problem.c_str());
-            return 1;
-        }
-    }
-    EQController::setSharedEnvironment(std::move(environment));
+    ProgramEnvironment environment;
+    if (!environment.install(options.simulate))
+        return 1;
     EQController& controller = EQController::shared();
 
     std::unique_ptr<TestProbe> probe;
@@ -218,13 +200,11 @@ int runPanelApp(int argc, char** argv, const PanelAppOptions& options)
     shell->show();
     QTimer::singleShot(0, &app, [&delegate] { delegate.applicationDidFinishLaunching(); });
 
-    if (simulated)
-        simulated->driver->start();
+    environment.startSimulation();
     const int status = QApplication::exec();
     terminate();
     shell.reset();
-    if (simulated)
-        simulated->driver->stop();
+    environment.stopSimulation();
     probe.reset();
     EQController::destroyShared();
     EQLog::flush();

@@ -359,7 +359,9 @@ void runStereoKernel(const KernelJob& job, IO io, int64_t frames) noexcept
     const __m128 zero = _mm_setzero_ps();
     __m128 e = _mm_setr_ps(*job.envelope, *job.envelope, 0.0f, 0.0f);
 
-    auto limitAndStore = [&](int64_t n, __m128 v) {
+    // Both steps are inlined into the loops below: as calls, the state
+    // registers would live in memory and every step would load and store them.
+    auto limitAndStore = [&](int64_t n, __m128 v) __attribute__((always_inline)) {
         v = _mm_mul_ps(v, gain);
         const __m128 magnitude = _mm_and_ps(v, magnitudeMask);
         // The scalar peak: 0, then for each channel |s| > peak ? |s| : peak,
@@ -386,7 +388,7 @@ void runStereoKernel(const KernelJob& job, IO io, int64_t frames) noexcept
         io.store(n, v);
     };
 
-    auto step = [&](int64_t t, bool edge, bool leaving) {
+    auto step = [&](int64_t t, bool edge, bool leaving) __attribute__((always_inline)) {
         // In the steady part every step has a frame to load.
         const __m128 in = !edge || t < frames ? io.load(t) : zero;
         if constexpr (K == 0) {

@@ -15,6 +15,7 @@
 #include "Platform/MainExecutor.h"
 #include "Platform/SerialQueue.h"
 #include "Platform/PriorityInheritanceMutex.h"
+#include "Platform/ResidentSamples.h"
 
 #include <chrono>
 #include <cstdint>
@@ -53,6 +54,10 @@ public:
 
     // Two interleaved blocks of frames × channels samples. Audio thread.
     void push(const float* raw, const float* processed, int64_t frames) noexcept;
+    // The same from planar stereo blocks (a recorder of two channels; any
+    // other ignores them). Audio thread.
+    void pushPlanar(const float* rawLeft, const float* rawRight, const float* processedLeft,
+                    const float* processedRight, int64_t frames) noexcept;
 
     // Replaces any running timer by one that captures "chunk" every
     // chunkSeconds and then keeps the newest retainChunks captures. Main thread.
@@ -81,8 +86,9 @@ private:
     static std::error_code writeWAV(std::span<const float> samples, int64_t channels, double sampleRate,
                                     const std::filesystem::path& file);
 
-    std::vector<float> rawRing;
-    std::vector<float> processedRing;
+    // Resident from the start: the audio thread never faults a page in.
+    ResidentSamples rawRing;
+    ResidentSamples processedRing;
     int64_t writeIndex = 0;
     int64_t totalFramesWritten = 0;
     // Priority inheritance: the capture thread, holding it for a slice of

@@ -3,6 +3,7 @@
 #include "Audio/AudioLifecycleCoordinator.h"
 #include "Audio/AudioTapError.h"
 #include "Audio/BufferedEQProcessor.h"
+#include "Audio/DeviceListeners.h"
 #include "Audio/EQLog.h"
 #include "Audio/OutputDevice.h"
 #include "Audio/SystemEQProcessor.h"
@@ -102,7 +103,9 @@ EQController::Environment EQController::productionEnvironment(std::string* probl
     environment.monotonicClock = monotonicNanoseconds;
     environment.makeOutputEngine = [] { return std::make_unique<PipeWireOutputEngine>(); };
     auto hardware = std::make_shared<PipeWireAudioHardware>();
-    if (hardware->isConnected()) {
+    // A daemon that refuses us is there: the controller reports the refusal
+    // as the permission status instead of the program giving up.
+    if (hardware->isConnected() || hardware->accessRefused()) {
         environment.hardware = std::move(hardware);
     } else if (problem) {
         const char* runtime = std::getenv("XDG_RUNTIME_DIR");
@@ -260,8 +263,10 @@ void EQController::setRunning(bool on)
     }
     EQSettings::setEQEnabled(on);
     EQLog::trace(std::string("setRunning(") + boolText(on) + ") called");
-    postToMain([this, on] {
+    postToMain([this, on, calledAt = hostTicks()] {
         EQLog::trace("setRunning task started");
+        firstFramePending = on;
+        switchedOnTicks = calledAt;
         afterCompletion(lifecycle().setUserEnabled(on),
                         [] { EQLog::trace("setRunning task finished awaiting setUserEnabled"); });
     });
@@ -486,6 +491,25 @@ void EQController::startMonitor()
     });
 }
 
+// Once per switch-on: when the first processed block with sound was handed to
+// the device, counted from setRunning(true) and from the program's launch.
+void EQController::logFirstFrame(RenderTiming& timing)
+{
+    if (!firstFramePending)
+        return;
+    const uint64_t first = timing.firstSoundEnd();
+    if (first == 0)
+        return;
+    firstFramePending = false;
+    if (first < switchedOnTicks)
+        return; // the engine was already running when switched on
+    const uint64_t launched = processStartTicks();
+    const auto ms = [first](uint64_t from) { return static_cast<long long>((first - from) / 1'000'000); };
+    EQLog::trace(format("first equalized frame %lld ms after switch-on, %s", ms(switchedOnTicks),
+                        launched != 0 && launched <= first ? format("%lld ms after launch", ms(launched)).c_str()
+                                                           : "launch time unknown"));
+}
+
 void EQController::poll()
 {
     if (!runningValue)
@@ -527,6 +551,8 @@ void EQController::poll()
     } else {
         return;
     }
+
+    logFirstFrame(buffered ? buffered->timing : processor->timing);
 
     bool signal = peak > 0;
     if (signal)
@@ -583,6 +609,11 @@ void EQController::poll()
             return;
         }
     }
+    // With no output at all PipeWire parks our output stream and links it to
+    // the next sink that appears, so the engine stays; the status says what
+    // is missing, in the words of a start that finds no output.
+    if (DeviceListeners::currentDefaultDevice(*environment.hardware) == kAudioObjectUnknown)
+        next = Status::failed(AudioTapError::osStatus("No default output device", -1).errorDescription());
     setStatus(std::move(next));
     EQLog::trace(format("frames %lld/s · peak %.4f · late %lld/%lld · maxGap %.1fms · work %.2fms%s",
                         static_cast<long long>(frames), static_cast<double>(peak), static_cast<long long>(lateCallbacks),

@@ -41,6 +41,7 @@ class AudioHardware;
 class AudioLifecycleCoordinator;
 class BufferedEQProcessor;
 class OutputEngine;
+class RenderTiming;
 class SleepWatcher;
 class SystemEQProcessor;
 
@@ -192,6 +193,7 @@ private:
     void primeMonitorState();
     void startMonitor();
     void poll();
+    void logFirstFrame(RenderTiming& timing);
     void requestRestart(AudioLifecycleTrigger trigger);
     // The audio service went away: release the engine without spending the
     // restart or failure budgets, then watch for its return with back-off.
@@ -226,6 +228,10 @@ private:
     // Supervision.
     std::unique_ptr<MainExecutor::Timer> monitor;
     std::optional<double> startedAt;
+    // Set by setRunning(true) until the next poll has seen the engine's first
+    // processed block and logged how long sound took.
+    bool firstFramePending = false;
+    uint64_t switchedOnTicks = 0;
     bool hasEverCapturedSignal = false;
     int64_t silentSeconds = 0;
     bool recoveredThisSilence = false;

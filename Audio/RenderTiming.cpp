@@ -16,7 +16,7 @@ double RenderTiming::milliseconds(uint64_t from, uint64_t to) const noexcept
     return static_cast<double>(ticks) * timebase.numer / timebase.denom / 1'000'000.0;
 }
 
-void RenderTiming::record(uint64_t began, uint64_t ended, int64_t frames) noexcept
+void RenderTiming::record(uint64_t began, uint64_t ended, int64_t frames, bool sounding) noexcept
 {
     std::lock_guard guard(lock);
     maxWorkMs = std::max(maxWorkMs, milliseconds(began, ended));
@@ -27,6 +27,8 @@ void RenderTiming::record(uint64_t began, uint64_t ended, int64_t frames) noexce
         if (static_cast<double>(frames) / 48.0 * 1.5 < gap)
             ++lateCallbacks;
     }
+    if (sounding && firstSound == 0)
+        firstSound = ended;
     lastCallbackEnd = ended;
     ++callbacks;
 }
@@ -35,6 +37,12 @@ void RenderTiming::forgetLastCallback() noexcept
 {
     std::lock_guard guard(lock);
     lastCallbackEnd = 0;
+}
+
+uint64_t RenderTiming::firstSoundEnd() noexcept
+{
+    std::lock_guard guard(lock);
+    return firstSound;
 }
 
 RenderTiming::Snapshot RenderTiming::snapshot() noexcept

@@ -25,9 +25,10 @@ public:
 
     RenderTiming();
 
-    // Host-clock ticks at the callback's start and end, and its frame count.
-    // A clock that ever ran backwards counts as no time having passed.
-    void record(uint64_t began, uint64_t ended, int64_t frames) noexcept;
+    // Host-clock ticks at the callback's start and end, its frame count and
+    // whether it handed the device anything but silence. A clock that ever
+    // ran backwards counts as no time having passed.
+    void record(uint64_t began, uint64_t ended, int64_t frames, bool sounding = true) noexcept;
 
     // The figures since the previous snapshot; all four start again from 0.
     // The end of the last callback is kept, so the next gap is still measured.
@@ -36,12 +37,18 @@ public:
     // baseline instead of counting the pause as its gap. Audio thread.
     void forgetLastCallback() noexcept;
 
+    // Host ticks at the end of the first sounding callback (the first
+    // processed block with sound handed to the device), or 0 before it.
+    // Snapshots keep it.
+    uint64_t firstSoundEnd() noexcept;
+
 private:
     double milliseconds(uint64_t from, uint64_t to) const noexcept;
 
     UnfairLock lock;
     HostTimebase timebase;
     uint64_t lastCallbackEnd = 0; // host ticks; 0 before the first callback
+    uint64_t firstSound = 0; // host ticks; 0 before the first sounding callback
     double maxGapMs = 0.0;
     double maxWorkMs = 0.0;
     int64_t lateCallbacks = 0;

@@ -73,13 +73,19 @@ void SpectrumAnalyzer::push(const float* interleaved, int64_t frames, int64_t ch
         return;
     const float divisor = static_cast<float>(channels);
     std::lock_guard guard(lock);
-    for (int64_t frame = 0; frame < frames; ++frame) {
-        const float* first = interleaved + frame * channels;
-        float sum = 0.0f;
-        for (int64_t channel = 0; channel < channels; ++channel)
-            sum += first[channel];
-        ring[static_cast<size_t>(writeIndex)] = sum / divisor;
-        writeIndex = (writeIndex + 1) % ringSize;
+    // In runs up to the ring's end (only the last ringSize frames survive).
+    for (int64_t frame = 0; frame < frames;) {
+        const int64_t run = std::min(frames - frame, ringSize - writeIndex);
+        float* slot = ring.data() + writeIndex;
+        for (int64_t i = 0; i < run; ++i) {
+            const float* first = interleaved + (frame + i) * channels;
+            float sum = 0.0f;
+            for (int64_t channel = 0; channel < channels; ++channel)
+                sum += first[channel];
+            slot[i] = sum / divisor;
+        }
+        frame += run;
+        writeIndex = (writeIndex + run) % ringSize;
     }
 }
 
@@ -88,9 +94,13 @@ void SpectrumAnalyzer::pushPlanar(const float* left, const float* right, int64_t
     if (!left || !right || frames < 1)
         return;
     std::lock_guard guard(lock);
-    for (int64_t frame = 0; frame < frames; ++frame) {
-        ring[static_cast<size_t>(writeIndex)] = (left[frame] + right[frame]) * 0.5f;
-        writeIndex = (writeIndex + 1) % ringSize;
+    for (int64_t frame = 0; frame < frames;) {
+        const int64_t run = std::min(frames - frame, ringSize - writeIndex);
+        float* slot = ring.data() + writeIndex;
+        for (int64_t i = 0; i < run; ++i)
+            slot[i] = (left[frame + i] + right[frame + i]) * 0.5f;
+        frame += run;
+        writeIndex = (writeIndex + run) % ringSize;
     }
 }
 

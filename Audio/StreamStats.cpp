@@ -5,13 +5,30 @@
 
 namespace sorva {
 
-void StreamStats::record(const float* samples, int64_t count, int64_t recordedFrames) noexcept
+namespace {
+
+float peakOf(const float* samples, int64_t count, float blockPeak) noexcept
 {
-    float blockPeak = 0.0f;
     for (int64_t i = 0; i < count; ++i) {
         const float magnitude = std::abs(samples[i]);
         blockPeak = magnitude > blockPeak ? magnitude : blockPeak;
     }
+    return blockPeak;
+}
+
+} // namespace
+
+void StreamStats::record(const float* samples, int64_t count, int64_t recordedFrames) noexcept
+{
+    const float blockPeak = peakOf(samples, count, 0.0f);
+    std::lock_guard guard(lock);
+    frames += recordedFrames;
+    peak = blockPeak > peak ? blockPeak : peak;
+}
+
+void StreamStats::recordPlanar(const float* left, const float* right, int64_t recordedFrames) noexcept
+{
+    const float blockPeak = peakOf(right, recordedFrames, peakOf(left, recordedFrames, 0.0f));
     std::lock_guard guard(lock);
     frames += recordedFrames;
     peak = blockPeak > peak ? blockPeak : peak;

@@ -22,6 +22,8 @@ public:
     // count samples representing `frames` frames. NaN samples do not count
     // towards the peak.
     void record(const float* samples, int64_t count, int64_t frames) noexcept;
+    // The same for `frames` planar stereo frames.
+    void recordPlanar(const float* left, const float* right, int64_t frames) noexcept;
 
     // The counts since the previous snapshot; both start again from 0.
     Snapshot snapshot() noexcept;

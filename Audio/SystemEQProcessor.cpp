@@ -226,6 +226,11 @@ void SystemEQProcessor::processIOCycle(IOCycleContext& context, const AudioBuffe
                      + " ch / " + std::to_string(out.mDataByteSize) + " B");
     }
 
+    if (input->mNumberBuffers >= 2 && output->mNumberBuffers >= 2 && in.mNumberChannels == 1
+        && out.mNumberChannels == 1) {
+        processPlanarCycle(context, input->mBuffers, output->mBuffers, began);
+        return;
+    }
     if (in.mData == nullptr || out.mData == nullptr)
         return;
     const auto* inSamples = static_cast<const float*>(in.mData);
@@ -283,7 +288,58 @@ void SystemEQProcessor::processIOCycle(IOCycleContext& context, const AudioBuffe
     if (captureDiag)
         context.recorder.push(context.diagnosticScratch, outSamples, frames);
 
-    context.timing.record(began, hostTicks(), frames);
+    context.timing.record(began, hostTicks(), frames, !silent && !gated);
+}
+
+// Planar stereo (two buffers of one channel on each side): the same steps as
+// the interleaved path, each channel in its own block.
+void SystemEQProcessor::processPlanarCycle(IOCycleContext& context, const AudioBuffer* in, AudioBuffer* out,
+                                           uint64_t began) noexcept
+{
+    if (in[0].mData == nullptr || in[1].mData == nullptr || out[0].mData == nullptr || out[1].mData == nullptr)
+        return;
+    const int64_t frames = std::min({ in[0].mDataByteSize, in[1].mDataByteSize, out[0].mDataByteSize,
+                                      out[1].mDataByteSize })
+        / 4;
+    if (frames == 0)
+        return;
+    float* channels[2] = { static_cast<float*>(out[0].mData), static_cast<float*>(out[1].mData) };
+    for (int c = 0; c < 2; ++c) {
+        if (in[c].mData != channels[c])
+            std::memmove(channels[c], in[c].mData, static_cast<size_t>(frames) * sizeof(float));
+    }
+    float* left = channels[0];
+    float* right = channels[1];
+
+    context.stats.recordPlanar(left, right, frames);
+
+    float* rawLeft = context.diagnosticScratch;
+    float* rawRight = context.diagnosticScratch + frames;
+    const bool captureDiag = 2 * frames <= context.scratchCapacity;
+    if (captureDiag) {
+        std::memcpy(rawLeft, left, static_cast<size_t>(frames) * sizeof(float));
+        std::memcpy(rawRight, right, static_cast<size_t>(frames) * sizeof(float));
+    }
+
+    bool silent = true;
+    for (int64_t i = 0; i < frames && silent; ++i)
+        silent = left[i] == 0.0f && right[i] == 0.0f; // NaN compares unequal: not silent
+    const bool gated = context.gate.observe(silent, frames, static_cast<int64_t>(context.sampleRate));
+
+    if (!gated) {
+        context.eq.processPlanar(left, right, frames);
+        context.fade.applyPlanar(left, right, frames);
+        context.spectrum.pushPlanar(left, right, frames);
+    } else {
+        context.eq.reset();
+        std::fill(left, left + frames, 0.0f);
+        std::fill(right, right + frames, 0.0f);
+    }
+
+    if (captureDiag)
+        context.recorder.pushPlanar(rawLeft, rawRight, left, right, frames);
+
+    context.timing.record(began, hostTicks(), frames, !silent && !gated);
 }
 
 } // namespace sorva

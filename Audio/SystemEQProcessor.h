@@ -88,8 +88,9 @@ public:
     // The device's UID, or nothing when it cannot be read.
     static std::optional<std::string> deviceUID(AudioHardware& hardware, AudioObjectID device);
 
-    // The render path, one hardware buffer. Real-time safe: allocates and logs
-    // nothing except the context's one layout line.
+    // The render path, one hardware buffer: interleaved (one buffer a side) or
+    // planar stereo (two buffers of one channel a side). Real-time safe:
+    // allocates and logs nothing except the context's one layout line.
     static void processIOCycle(IOCycleContext& context, const AudioBufferList* input,
                                AudioBufferList* output) noexcept;
 
@@ -106,6 +107,8 @@ private:
     void createTap();
     void createAggregate(const std::string& outputUID);
     void startIOProc();
+    static void processPlanarCycle(IOCycleContext& context, const AudioBuffer* input, AudioBuffer* output,
+                                   uint64_t began) noexcept;
     static void ioProc(void* context, const AudioTimeStamp* now, const AudioBufferList* input,
                        const AudioTimeStamp* inputTime, AudioBufferList* output,
                        const AudioTimeStamp* outputTime) noexcept;

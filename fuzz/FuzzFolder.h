@@ -1,9 +1,11 @@
-// A private scratch folder for one fuzz process, removed at exit, and the
-// log pointed into it so that fuzzing never touches the user's log.
+// What the fuzz targets share: a private scratch folder for one fuzz process,
+// removed at exit, with the log pointed into it so that fuzzing never touches
+// the user's log; and the abort that tells libFuzzer an invariant broke.
 #pragma once
 
 #include "Audio/EQLog.h"
 
+#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <string>
@@ -22,6 +24,12 @@ inline const std::filesystem::path& scratchFolder()
         return made;
     }();
     return folder;
+}
+
+[[noreturn]] inline void fail(const char* target, const char* what)
+{
+    std::fprintf(stderr, "%s invariant broken: %s\n", target, what);
+    std::abort();
 }
 
 } // namespace sorva::fuzzing

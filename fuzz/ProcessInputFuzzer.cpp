@@ -20,8 +20,7 @@ namespace {
 
 [[noreturn]] void fail(const char* what)
 {
-    std::fprintf(stderr, "process invariant broken: %s\n", what);
-    std::abort();
+    sorva::fuzzing::fail("process", what);
 }
 
 } // namespace

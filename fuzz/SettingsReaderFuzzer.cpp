@@ -17,8 +17,7 @@ namespace {
 
 [[noreturn]] void fail(const char* what)
 {
-    std::fprintf(stderr, "settings invariant broken: %s\n", what);
-    std::abort();
+    sorva::fuzzing::fail("settings", what);
 }
 
 } // namespace

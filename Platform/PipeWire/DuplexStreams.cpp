@@ -14,7 +14,8 @@ namespace sorva {
 
 namespace {
 
-// The part of a dequeued buffer's first block that holds samples.
+// The part of a dequeued buffer's first block that holds samples
+// (interleaved stereo).
 struct Filled {
     void* samples = nullptr;
     uint32_t frames = 0;
@@ -28,6 +29,30 @@ std::optional<Filled> filled(const pw_buffer* buffer) noexcept
     uint32_t offset = std::min(data.chunk->offset, data.maxsize);
     uint32_t size = std::min(data.chunk->size, data.maxsize - offset);
     return Filled { SPA_PTROFF(data.data, offset, void), size / DuplexStreams::bytesPerFrame };
+}
+
+// The samples of a dequeued planar stereo buffer: one block per channel,
+// as many frames as both hold.
+struct FilledPlanar {
+    void* channels[2] = { nullptr, nullptr };
+    uint32_t frames = 0;
+};
+
+std::optional<FilledPlanar> filledPlanar(const pw_buffer* buffer) noexcept
+{
+    if (!buffer || buffer->buffer->n_datas < 2)
+        return std::nullopt;
+    FilledPlanar result;
+    for (uint32_t c = 0; c < 2; ++c) {
+        const spa_data& data = buffer->buffer->datas[c];
+        if (!data.data)
+            return std::nullopt;
+        uint32_t offset = std::min(data.chunk->offset, data.maxsize);
+        uint32_t frames = std::min(data.chunk->size, data.maxsize - offset) / DuplexStreams::bytesPerSample;
+        result.channels[c] = SPA_PTROFF(data.data, offset, void);
+        result.frames = c == 0 ? frames : std::min(result.frames, frames);
+    }
+    return result;
 }
 
 bool isUp(pw_stream_state state)
@@ -211,7 +236,10 @@ OSStatus DuplexStreams::connect(const std::string& group)
     spa_pod_builder builder {};
     spa_pod_builder_init(&builder, buffer, sizeof buffer);
     spa_audio_info_raw info {};
-    info.format = SPA_AUDIO_FORMAT_F32;
+    // With an output the pair runs planar, as the graph's own ports do, so
+    // that neither stream's adapter converts; the tap alone stays
+    // interleaved for the capture-only procedure.
+    info.format = outputDevice ? SPA_AUDIO_FORMAT_F32P : SPA_AUDIO_FORMAT_F32;
     info.channels = 2;
     info.position[0] = SPA_AUDIO_CHANNEL_FL;
     info.position[1] = SPA_AUDIO_CHANNEL_FR;
@@ -285,8 +313,9 @@ void DuplexStreams::noteQuantum() noexcept
         cycleFrames.store(static_cast<uint32_t>(rtPosition->clock.duration), std::memory_order_relaxed);
 }
 
-// The tap and the output of one graph cycle: the tap's mix is the input
-// list, the output stream's buffer (same size) the output list.
+// The tap and the output of one graph cycle, both planar: the tap's two
+// channel blocks are the input list, the output stream's two (same size) the
+// output list.
 void DuplexStreams::duplexCycle() noexcept
 {
     if (!rtAlive)
@@ -299,9 +328,11 @@ void DuplexStreams::duplexCycle() noexcept
             pw_stream_queue_buffer(rtTap, in);
         return;
     }
-    spa_data& od = out->buffer->datas[0];
-    uint32_t capacity = od.data ? od.maxsize / bytesPerFrame : 0;
-    std::optional<Filled> input = filled(in);
+    spa_buffer& ob = *out->buffer;
+    uint32_t capacity = 0;
+    if (ob.n_datas >= 2 && ob.datas[0].data && ob.datas[1].data)
+        capacity = std::min(ob.datas[0].maxsize, ob.datas[1].maxsize) / bytesPerSample;
+    std::optional<FilledPlanar> input = filledPlanar(in);
     uint32_t frames = input ? input->frames
                             : (out->requested ? static_cast<uint32_t>(out->requested)
                                               : cycleFrames.load(std::memory_order_relaxed));
@@ -310,19 +341,24 @@ void DuplexStreams::duplexCycle() noexcept
         if (rtRunning && rtProc && input) {
             // Input and output have the same size and layout, so the
             // procedure writes every sample of the output.
-            inBuffer = { 2, frames * bytesPerFrame, input->samples };
-            outBuffer = { 2, frames * bytesPerFrame, od.data };
+            for (uint32_t c = 0; c < 2; ++c) {
+                inPlanar[c] = { 1, frames * bytesPerSample, input->channels[c] };
+                outPlanar[c] = { 1, frames * bytesPerSample, ob.datas[c].data };
+            }
             AudioTimeStamp now { hostTicks(), rtSampleTime,
                                  resumed.exchange(false, std::memory_order_relaxed) ? kAudioTimeStampResumed : 0u };
-            rtProc(rtContext, &now, &inList, &now, &outList, &now);
+            rtProc(rtContext, &now, &inPlanarList, &now, &outPlanarList, &now);
         } else {
-            std::memset(od.data, 0, frames * bytesPerFrame);
+            std::memset(ob.datas[0].data, 0, frames * bytesPerSample);
+            std::memset(ob.datas[1].data, 0, frames * bytesPerSample);
         }
         rtSampleTime += frames;
     }
-    od.chunk->offset = 0;
-    od.chunk->size = frames * bytesPerFrame;
-    od.chunk->stride = static_cast<int32_t>(bytesPerFrame);
+    for (uint32_t c = 0; c < ob.n_datas; ++c) {
+        ob.datas[c].chunk->offset = 0;
+        ob.datas[c].chunk->size = c < 2 ? frames * bytesPerSample : 0;
+        ob.datas[c].chunk->stride = static_cast<int32_t>(bytesPerSample);
+    }
     if (in)
         pw_stream_queue_buffer(rtTap, in);
     pw_stream_queue_buffer(rtOutput, out);

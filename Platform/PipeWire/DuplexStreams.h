@@ -2,7 +2,10 @@
 // Tap" that the routed programs play into and, with an output device, the
 // playback stream "SORVA Output", triggered by the tap's cycle so that both
 // run in the same graph cycle. Each cycle calls the registered IO procedure
-// with the tap's mix as input and the output stream's buffer as output.
+// with the tap's mix as input and the output stream's buffer as output: with
+// an output both are planar (two buffers of one channel each, the graph's own
+// layout, so PipeWire converts nothing on the way); a tap alone delivers one
+// interleaved stereo buffer.
 //
 // Private to Platform/PipeWire (it includes PipeWire headers).
 //
@@ -32,8 +35,9 @@ public:
     static constexpr const char* tapNodeName = "sorva_system_tap";
     static constexpr const char* outputName = "SORVA Output";
     static constexpr const char* outputNodeName = "sorva_output";
-    // Interleaved 32-bit float stereo.
-    static constexpr uint32_t bytesPerFrame = 2 * sizeof(float);
+    // 32-bit float stereo.
+    static constexpr uint32_t bytesPerSample = sizeof(float);
+    static constexpr uint32_t bytesPerFrame = 2 * bytesPerSample;
 
     // What the owner hears of the streams (loop thread, lock held).
     class Observer {
@@ -111,10 +115,12 @@ private:
     spa_io_position* rtPosition = nullptr;
     double rtSampleTime = 0.0;
     AudioBuffer inBuffer {};
-    AudioBuffer outBuffer {};
     AudioBufferList inList { 1, &inBuffer };
-    AudioBufferList outList { 1, &outBuffer };
     AudioBufferList noBuffers { 0, nullptr };
+    AudioBuffer inPlanar[2] {};
+    AudioBuffer outPlanar[2] {};
+    AudioBufferList inPlanarList { 2, inPlanar };
+    AudioBufferList outPlanarList { 2, outPlanar };
 
     // Set when the tap leaves the streaming state (the graph paused or
     // suspended it); the next cycle reports it and clears it.

@@ -332,6 +332,12 @@ bool PipeWireAudioHardware::isConnected()
     return data->connected([] { return kAudioHardwareNoError; }) == kAudioHardwareNoError;
 }
 
+bool PipeWireAudioHardware::accessRefused()
+{
+    LoopLock lock(data->graph.loop());
+    return data->graph.refused();
+}
+
 OSStatus PipeWireAudioHardware::defaultOutputDevice(AudioObjectID& device)
 {
     return data->connected([&] {

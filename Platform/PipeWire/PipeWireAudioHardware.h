@@ -52,7 +52,10 @@ public:
     // Whether the daemon was reached (the connection is retried by every
     // call while it is not).
     bool isConnected();
-    bool serviceAvailable() override { return isConnected(); }
+    // Whether the daemon refused this client (its access rules reject it).
+    // The service is there then, it only denies us: a permission problem.
+    bool accessRefused();
+    bool serviceAvailable() override { return isConnected() || accessRefused(); }
 
     OSStatus defaultOutputDevice(AudioObjectID& device) override;
     OSStatus deviceName(AudioObjectID device, std::string& name) override;

@@ -112,7 +112,11 @@ void StreamRouter::route(Routes& routes, const PipeWireGraph::Node& stream, uint
         journalWarned = true;
         EQLog::trace("routing journal not written: " + error);
     }
-    graph.setDefaultValue(stream.id, targetObject, RoutingJournal::Value { "Spa:Id", std::to_string(tapSerial) });
+    // By name, not serial: WirePlumber remembers a moved stream's target per
+    // application (or media role) only when the value is a serial, and that
+    // memory would outlive a crash of ours and send the program to the tap of
+    // the next run before we decided on it.
+    graph.setDefaultValue(stream.id, targetObject, RoutingJournal::Value { "Spa:String", DuplexStreams::tapNodeName });
     if (graph.defaultValue(stream.id, targetNode))
         graph.setDefaultValue(stream.id, targetNode, std::nullopt);
     routes.routed[stream.serial] = routed;
@@ -126,8 +130,9 @@ void StreamRouter::restore(uint32_t nodeID, uint64_t tapSerial,
                            const std::optional<RoutingJournal::Value>& previousObject,
                            const std::optional<RoutingJournal::Value>& previousNode)
 {
+    // A journal of an earlier version may hold routes by the tap's serial.
     auto current = graph.defaultValue(nodeID, targetObject);
-    if (current && current->value != std::to_string(tapSerial))
+    if (current && current->value != DuplexStreams::tapNodeName && current->value != std::to_string(tapSerial))
         return;
     graph.setDefaultValue(nodeID, targetObject, previousObject);
     if (previousNode)

@@ -1,6 +1,6 @@
 // Points the selected programs' output streams at a tap and back. A stream is
 // routed by setting its "target.object" in the "default" metadata to the tap's
-// serial, which silences it at the speakers; every move is written to the
+// node name, which silences it at the speakers; every move is written to the
 // RoutingJournal first, so that what a crash leaves routed is put back by the
 // next replayJournal(). Stopping restores each stream's previous target unless
 // it was moved elsewhere since.

@@ -8,6 +8,11 @@
 # SORVA runs headless with its own configuration, state and temporary
 # folders (those of the session), so its log is the drill's $LOGS/sorva.log.
 
+# The system's tools first: a version manager's python3 shim on PATH can take
+# seconds to start on a loaded machine, longer than a watcher may take to see
+# sound.
+[ -x /usr/bin/python3 ] && export PATH="/usr/bin:$PATH"
+
 drill_begin() {
   DRILL=$1
   shift
@@ -42,7 +47,13 @@ drill_cleanup() {
 
 # The one line on stdout, then the exit status.
 drill_pass() { echo "$DRILL: $* PASS"; exit 0; }
-drill_fail() { echo "$DRILL: $* FAIL"; echo "FAIL: $*" >&2; exit 1; }
+drill_fail() {
+  echo "$DRILL: $* FAIL"
+  echo "FAIL: $*" >&2
+  # where everything played at that moment
+  links >&2
+  exit 1
+}
 
 note() { echo "[$(date +%T.%N | cut -c1-12)] $*" >&2; }
 
@@ -167,3 +178,15 @@ for o in json.load(sys.stdin):
         print(o["id"]); sys.exit(0)
 sys.exit(1)'
 }
+# The id of the output stream of the program named NAME (application.name).
+stream_of() {
+  pw-dump Node 2>/dev/null | NAME=$1 python3 -c '
+import json, os, sys
+for o in json.load(sys.stdin):
+    p = o.get("info", {}).get("props", {})
+    if p.get("application.name") == os.environ["NAME"] and p.get("media.class") == "Stream/Output/Audio":
+        print(o["id"]); sys.exit(0)
+sys.exit(1)'
+}
+# A stream's target keys in the "default" metadata, if any.
+targets_of() { pw-metadata -n default "$1" 2>/dev/null | grep -oE "key:'target\.(object|node)' value:'[^']*'"; }

@@ -235,10 +235,15 @@ TEST_F(ControllerTest, FirstSignalAfterSevenSecondsIsCapturingAndLaterSilenceWit
     }
     EXPECT_TRUE(eq.isRunning());
     EXPECT_EQ(hardware->callCount(Call::createProcessTap), taps) << "no restart";
-    // Nothing but one statistics line per tick, in the described format.
+    // Nothing but one statistics line per tick, in the described format, and
+    // once, at the tick that first saw sound, the time that sound took.
     auto log = takeLines();
-    ASSERT_EQ(log.size(), 38u);
+    ASSERT_EQ(log.size(), 39u);
     EXPECT_EQ(log[0].rfind("IOProc layout — ", 0), 0u) << "logged once, at the first cycle";
+    EXPECT_TRUE(std::regex_match(
+        log[7], std::regex(R"(first equalized frame \d+ ms after switch-on, (\d+ ms after launch|launch time unknown))")))
+        << log[7];
+    log.erase(log.begin() + 7);
     log.erase(log.begin());
     std::regex format(R"(frames -?\d+/s · peak \d+\.\d{4} · late \d+/\d+ · maxGap \d+\.\dms · work \d+\.\d{2}ms)");
     for (const auto& line : log)

@@ -136,14 +136,14 @@ TEST(BufferedEQProcessor, EachSetUpFailureIsReportedAndLeavesWhatItShould)
     const auto inject = [](Call call, OSStatus status) {
         return [=](SimulatedAudioHardware& hw) { hw.injectStatus(call, status); };
     };
+    // The steps both engines share are pinned by the single-device engine's
+    // table; here what differs: no main device, a refused tap always reported
+    // with its status, the tap's rate, and the cleanup at the start of the
+    // chain and with the IO procedure running.
     const Case cases[] = {
         { "no device", [](auto& hw) { hw.setDefaultOutputDevice(0); }, "No default output device", -1 },
-        { "default unreadable", inject(Call::defaultOutputDevice, 7), "No default output device", -1 },
-        { "own process", inject(Call::translatePIDToProcessObject, 9), "TranslatePIDToProcessObject", 9 },
         { "tap refused", inject(Call::createProcessTap, nope), "AudioHardwareCreateProcessTap", nope },
         { "tap at rate 0", [](auto& hw) { hw.setTapSampleRate(0.0); }, "Tap sample rate", -50 },
-        { "aggregate", inject(Call::createAggregateDevice, 11), "AudioHardwareCreateAggregateDevice", 11 },
-        { "io proc", inject(Call::createIOProcID, 12), "AudioDeviceCreateIOProcIDWithBlock", 12 },
         { "io proc empty", [](auto& hw) { hw.setCreateIOProcLeavesIDEmpty(true); },
           "AudioDeviceCreateIOProcIDWithBlock", 0 },
         { "device start", inject(Call::startDevice, 13), "AudioDeviceStart", 13 },
@@ -184,7 +184,8 @@ TEST(BufferedEQProcessor, EachSetUpFailureIsReportedAndLeavesWhatItShould)
 
 TEST(BufferedEQProcessor, PlaysTheTapThroughTheRingEqualized)
 {
-    // A boosted 500 Hz tone: in steady state the level the equalizer alone gives it.
+    // A 500 Hz tone on the Mid band boosted by 9 dB: in steady state +9 dB, less
+    // the makeup gain (12 % of 9 dB) and 0.01 dB from the Treble band's cut.
     std::vector<EQBand> bands = EQConfig::defaultConfig().bands;
     bands[2].gain = 9.0;
     bands[4].gain = -6.0;
@@ -195,14 +196,7 @@ TEST(BufferedEQProcessor, PlaysTheTapThroughTheRingEqualized)
             sum += double(samples[i]) * samples[i];
         return std::sqrt(sum / double(count));
     };
-    BiquadEQ reference(5, 2);
-    reference.update(bands, 0.0, 48000.0);
-    std::vector<float> left(48000), right(48000);
-    for (size_t i = 0; i < left.size(); ++i)
-        left[i] = right[i] = tone(i);
-    reference.processPlanar(left.data(), right.data(), 48000);
-    const double expected = rms(left.data() + 24000, 24000);
-    ASSERT_GT(expected, 0.1 / std::sqrt(2.0) * 1.5);
+    const double expected = 0.1 / std::sqrt(2.0) * std::pow(10.0, (9.0 - 0.12 * 9.0 - 0.01) / 20.0);
 
     Rig rig;
     rig.start(bands);

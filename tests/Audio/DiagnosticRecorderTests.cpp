@@ -1,6 +1,7 @@
 #include "Audio/DiagnosticRecorder.h"
 #include "Audio/EQLog.h"
 #include "Platform/ManualMainExecutor.h"
+#include "EngineTestSupport.h"
 
 #include "AllocationCounter.h"
 
@@ -64,15 +65,22 @@ std::vector<std::string> namesIn(const fs::path& folder)
 // Raw sample of frame n, channel c in these tests; processed is its negative.
 float patternValue(int64_t frame, int64_t channels, int64_t channel) { return float(frame * channels + channel + 1); }
 
-void pushPattern(DiagnosticRecorder& recorder, int64_t firstFrame, int64_t frames, int64_t blockFrames)
+// Planar: stereo handed over as two channel blocks.
+void pushPattern(DiagnosticRecorder& recorder, int64_t firstFrame, int64_t frames, int64_t blockFrames,
+                 bool planar = false)
 {
     const int64_t channels = recorder.channels;
     std::vector<float> raw(size_t(blockFrames * channels)), processed(raw.size());
     for (int64_t done = 0; done < frames; done += blockFrames) {
         const int64_t count = std::min(blockFrames, frames - done);
-        for (int64_t i = 0; i < count * channels; ++i)
-            processed[size_t(i)] = -(raw[size_t(i)] = patternValue(firstFrame + done + i / channels, channels, i % channels));
-        recorder.push(raw.data(), processed.data(), count);
+        for (int64_t i = 0; i < count * channels; ++i) {
+            const int64_t at = planar ? (i % count) * channels + i / count : i; // where the sample sits in time order
+            processed[size_t(i)] = -(raw[size_t(i)] = patternValue(firstFrame + done + at / channels, channels, at % channels));
+        }
+        if (planar)
+            recorder.pushPlanar(raw.data(), raw.data() + count, processed.data(), processed.data() + count, count);
+        else
+            recorder.push(raw.data(), processed.data(), count);
     }
 }
 
@@ -86,27 +94,15 @@ protected:
         root = pattern;
         EQLog::setDirectoryForTesting(root);
         folder = *EQLog::diagnosticsDirectory();
-        EQLog::setObserver([this](const std::string& line) {
-            std::lock_guard guard(linesLock);
-            lines.push_back(line);
-        });
     }
     void TearDown() override
     {
-        EQLog::setObserver({});
         EQLog::setDirectoryForTesting(std::nullopt);
         fs::remove_all(root);
     }
-    std::vector<std::string> loggedLines()
-    {
-        std::lock_guard guard(linesLock);
-        return lines;
-    }
-
     fs::path root, folder;
     ManualMainExecutor mainExecutor;
-    std::mutex linesLock;
-    std::vector<std::string> lines;
+    LogLines log;
 };
 
 } // namespace
@@ -148,9 +144,27 @@ TEST_F(DiagnosticRecorderTest, CapturesHoldTheHistoryPushedSoFarOldestFirstAcros
     for (const std::string& name : names)
         EXPECT_EQ(name.find(':'), std::string::npos) << name;
     // Pushing logged nothing.
-    EXPECT_EQ(loggedLines(), (std::vector<std::string> {
+    EXPECT_EQ(log.all(), (std::vector<std::string> {
                                  "diagnostic event 'glitch: at 12:00/now' captured -> " + glitch->raw.filename().string(),
                                  "diagnostic event 'chunk' captured -> 2026-03-14T09-26-53Z-chunk-raw.wav" }));
+}
+
+TEST_F(DiagnosticRecorderTest, PlanarBlocksOfAnySizeAndAlignmentKeepTheSameHistoryAsInterleavedOnes)
+{
+    // A 4800-frame history; blocks that start on odd frames and wrap mid-block.
+    for (int64_t block : { 1, 3, 4, 7, 1023, 4801 }) {
+        std::vector<std::string> captured;
+        for (bool planar : { false, true }) {
+            DiagnosticRecorder recorder(0.1, 2, 48000, mainExecutor, [] { return exampleTime; });
+            pushPattern(recorder, 0, 1, 1); // every later block starts on an odd frame
+            pushPattern(recorder, 1, 10'001, planar ? block : 4096, planar);
+            const auto files = recorder.markEvent("chunk", folder / (planar ? "planar" : "interleaved"), "");
+            ASSERT_TRUE(files.has_value());
+            captured.push_back(readText(files->raw) + readText(files->processed));
+        }
+        EXPECT_EQ(captured[0].size(), 2 * (44u + 4800u * 8u));
+        EXPECT_TRUE(captured[0] == captured[1]) << "block " << block;
+    }
 }
 
 TEST_F(DiagnosticRecorderTest, MonoAtAFractionalRateBadArgumentsAndFailedWrites)
@@ -171,9 +185,9 @@ TEST_F(DiagnosticRecorderTest, MonoAtAFractionalRateBadArgumentsAndFailedWrites)
     EXPECT_THROW(DiagnosticRecorder(1, 0, 48000, mainExecutor), std::invalid_argument);
 
     std::ofstream(root / "not-a-folder") << "x";
-    lines.clear();
+    log.clear();
     EXPECT_FALSE(mono.markEvent("chunk", root / "not-a-folder" / "sub", "").has_value());
-    EXPECT_EQ(loggedLines(), std::vector<std::string> { "diagnostic capture failed: Not a directory" });
+    EXPECT_EQ(log.all(), std::vector<std::string> { "diagnostic capture failed: Not a directory" });
 }
 
 TEST_F(DiagnosticRecorderTest, TimerCapturesEveryIntervalAndKeepsTheNewestCaptures)

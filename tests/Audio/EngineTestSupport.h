@@ -34,6 +34,11 @@ public:
         std::lock_guard guard(state->lock);
         return state->lines;
     }
+    void clear()
+    {
+        std::lock_guard guard(state->lock);
+        state->lines.clear();
+    }
     // Lines equal to text or, with prefix, starting with it.
     int count(const std::string& text, bool prefix = false) const
     {

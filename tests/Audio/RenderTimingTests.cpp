@@ -32,3 +32,17 @@ TEST(RenderTiming, CountsLateCallbacksAgainstAFixedFortyEightFramesPerMillisecon
     EXPECT_DOUBLE_EQ(snapshot.maxGapMs, 40.0);
     EXPECT_DOUBLE_EQ(snapshot.maxWorkMs, 1.0);
 }
+
+TEST(RenderTiming, FirstSoundIsTheEndOfTheFirstSoundingCallbackAndOutlivesSnapshotsAndPauses)
+{
+    RenderTiming timing;
+    EXPECT_EQ(timing.firstSoundEnd(), 0u);
+    timing.record(100, 110, 512, false); // silence handed to the device is no sound yet
+    EXPECT_EQ(timing.firstSoundEnd(), 0u);
+    timing.record(200, 210, 512);
+    timing.record(300, 310, 512);
+    timing.snapshot();
+    timing.forgetLastCallback(); // a pause starts a new gap baseline, not a new first sound
+    timing.record(900, 950, 512);
+    EXPECT_EQ(timing.firstSoundEnd(), 210u);
+}

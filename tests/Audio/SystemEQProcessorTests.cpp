@@ -12,7 +12,10 @@
 
 #include <atomic>
 #include <cstdlib>
+#include <cstring>
 #include <fstream>
+#include <iterator>
+#include <limits>
 #include <random>
 #include <sstream>
 #include <thread>
@@ -285,17 +288,13 @@ TEST_F(Engine, PlaysTheEqualizedTapMixOnTheAggregate)
     reference.update(bands, 1.5, 48000.0);
     FadeRamp referenceFade;
     referenceFade.start(7200, 1.0f);
-    std::mt19937 random(7);
-    std::uniform_real_distribution<float> sample(-0.5f, 0.5f);
     std::vector<float> block(512 * 2);
-    for (int n = 0; n < 3; ++n) {
-        for (float& value : block)
-            value = sample(random);
-        auto want = block;
-        reference.processInterleaved(want.data(), 512, 2);
-        referenceFade.apply(want.data(), 512, 2);
-        ASSERT_EQ(cycle(block), want) << "block " << n;
-    }
+    for (size_t i = 0; i < block.size(); ++i)
+        block[i] = 0.4f * std::sin(0.01f * float(i * i % 997));
+    auto want = block;
+    reference.processInterleaved(want.data(), 512, 2);
+    referenceFade.apply(want.data(), 512, 2);
+    EXPECT_EQ(cycle(block), want);
     EXPECT_EQ(log.count("IOProc layout — in 1 buf / 2 ch / 4096 B, out 1 buf / 2 ch / 4096 B"), 1);
 }
 
@@ -303,45 +302,38 @@ TEST_F(Engine, ListenersRebuildOnlyForRealChangesAfterTheSettleTimeAndNeverAfter
 {
     SystemEQProcessor& eq = started();
     const uint64_t startedAt = now.load();
-    for (double rate : { 48000.5, 0.0 }) { // a wobble, an unreadable rate
-        hardware.setNominalSampleRate(speakers, rate);
+    const auto change = [&](std::function<void()> what, uint64_t atSeconds = 0) {
+        if (atSeconds)
+            now = startedAt + atSeconds * 1'000'000'000ull;
+        what();
         settle();
-    }
-    EXPECT_EQ(configurationChanges, 0);
+        return configurationChanges;
+    };
+    const auto rate = [&](double value) { return [=, this] { hardware.setNominalSampleRate(speakers, value); }; };
+    const auto device = [&](AudioObjectID value) { return [=, this] { hardware.setDefaultOutputDevice(value); }; };
+    EXPECT_EQ(change(rate(48000.5)), 0) << "a wobble";
+    EXPECT_EQ(change(rate(0.0)), 0) << "an unreadable rate";
     int lateCallbacks = 0;
     eq.onConfigurationChange = [&] { ++lateCallbacks; }; // installed handlers keep the one of start
-    hardware.setNominalSampleRate(speakers, 44100.0);
-    settle();
-    EXPECT_EQ(configurationChanges, 1);
+    EXPECT_EQ(change(rate(44100.0)), 1);
     EXPECT_EQ(lateCallbacks, 0);
     EXPECT_EQ(log.count("output sample rate changed — rebuilding"), 1);
-    hardware.setNominalSampleRate(speakers, 48000.0);
-    settle();
+    change(rate(48000.0));
+    EXPECT_EQ(change(device(headphones), 2), 1) << "device changes are dropped before the settle time";
+    EXPECT_EQ(change(device(headphones), 3), 1) << "and at it";
+    EXPECT_EQ(change(rate(48000.0)), 2) << "the rate handler reads the new default's 44100";
 
-    for (uint64_t seconds : { 2, 3 }) { // device changes are dropped up to and at the deadline
-        now = startedAt + seconds * 1'000'000'000ull;
+    change(device(0), 4);
+    const auto undelivered = [&](std::function<void()> between) {
+        hardware.pauseListenerDelivery();
         hardware.setDefaultOutputDevice(headphones);
+        between();
+        hardware.resumeListenerDelivery();
         settle();
-    }
-    EXPECT_EQ(configurationChanges, 1);
-    hardware.setNominalSampleRate(speakers, 48000.0); // the rate handler reads the new default's 44100
-    settle();
-    EXPECT_EQ(configurationChanges, 2);
-
-    now = startedAt + 4'000'000'000ull;
-    hardware.setDefaultOutputDevice(0);
-    settle();
-    hardware.pauseListenerDelivery();
-    hardware.setDefaultOutputDevice(headphones);
-    hardware.setDefaultOutputDevice(speakers); // back before the handlers run
-    hardware.resumeListenerDelivery();
-    settle();
-    hardware.pauseListenerDelivery();
-    hardware.setDefaultOutputDevice(headphones);
-    hardware.injectStatus(Call::defaultOutputDevice, -1); // unreadable when the handler runs
-    hardware.resumeListenerDelivery();
-    settle();
-    hardware.clearInjectedStatuses();
+        hardware.clearInjectedStatuses();
+    };
+    undelivered([&] { hardware.setDefaultOutputDevice(speakers); }); // back before the handlers run
+    undelivered([&] { hardware.injectStatus(Call::defaultOutputDevice, -1); }); // unreadable when they run
     EXPECT_EQ(configurationChanges, 2);
     EXPECT_EQ(log.count("default output device changed", true), 0);
 
@@ -354,10 +346,8 @@ TEST_F(Engine, ListenersRebuildOnlyForRealChangesAfterTheSettleTimeAndNeverAfter
     EXPECT_TRUE(callbackOnMainThread);
 
     eq.stop();
-    hardware.setDefaultOutputDevice(headphones);
-    hardware.setNominalSampleRate(speakers, 96000.0);
-    settle();
-    EXPECT_EQ(configurationChanges, 3);
+    change(device(headphones));
+    EXPECT_EQ(change(rate(96000.0)), 3);
 }
 
 TEST_F(Engine, CapturesContinuouslyWithTheDeviceInTheContext)
@@ -385,6 +375,10 @@ TEST_F(Engine, RunsAgainstAnIOThreadWhileTheMainThreadUpdatesAndPolls)
     // Meant for the thread sanitizer: 1 ms cycles against the controller's main-thread work.
     SystemEQProcessor& eq = started();
     SimulatedRealtimeDriver driver(hardware, 48000.0, 48);
+    const auto cyclesPass = [&](int64_t count) {
+        for (const int64_t target = driver.cycles() + count; driver.cycles() < target;)
+            std::this_thread::yield();
+    };
     driver.start();
     std::vector<EQBand> bands = EQConfig::defaultConfig().bands;
     int64_t frames = 0;
@@ -394,15 +388,108 @@ TEST_F(Engine, RunsAgainstAnIOThreadWhileTheMainThreadUpdatesAndPolls)
         frames += eq.stats.snapshot().frames;
         eq.timing.snapshot();
         eq.spectrum.levels();
-        std::this_thread::sleep_for(1ms);
+        cyclesPass(1);
     }
-    duringWait = [] { std::this_thread::sleep_for(5ms); }; // the fade-out plays for real
+    duringWait = [&] { cyclesPass(3); }; // the fade-out plays for real
     eq.stop();
-    const int64_t cyclesAtStop = driver.cycles();
-    std::this_thread::sleep_for(3ms);
-    EXPECT_EQ(driver.cycles(), cyclesAtStop) << "no cycle after stop";
     driver.stop();
-    EXPECT_GT(cyclesAtStop, 5);
     EXPECT_GT(frames + eq.stats.snapshot().frames, 5 * 48);
     EXPECT_TRUE(hardware.nothingAlive());
+}
+
+namespace {
+
+// The blocks one render path touches, with a context over them.
+struct RenderPath {
+    explicit RenderPath(ManualMainExecutor& executor)
+        : recorder(0.25, 2, 48000.0, executor)
+    {
+        eq.update({ EQBand("Bass", 30, 9), EQBand("Low-Mid", 125, -4), EQBand("Mid", 500, 2),
+                    EQBand("High-Mid", 2000, 0), EQBand("Treble", 8000, -6) },
+                  1.5, 48000.0);
+        fade.start(7200, 1.0f);
+    }
+    StreamStats stats;
+    SilenceGate gate;
+    BiquadEQ eq { 5, 2 };
+    DiagnosticRecorder recorder;
+    RenderTiming timing;
+    FadeRamp fade;
+    SpectrumAnalyzer spectrum;
+    std::vector<float> scratch = std::vector<float>(SystemEQProcessor::diagnosticScratchCapacity);
+    SystemEQProcessor::IOCycleContext context { {},    stats,    static_cast<int64_t>(scratch.size()),
+                                                scratch.data(), gate, 48000.0, eq, recorder, timing, fade, spectrum };
+};
+
+std::vector<char> fileBytes(const std::filesystem::path& file)
+{
+    std::ifstream in(file, std::ios::binary);
+    return { std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>() };
+}
+
+} // namespace
+
+// PipeWire hands the render path planar stereo; every block it feeds must
+// see exactly what the interleaved layout gives them: the output, the
+// statistics, the spectrum and both diagnostic rings, through the fade-in,
+// a NaN, a block longer than the spectrum's ring, the silence gate closing
+// after a second and opening again.
+TEST_F(Engine, PlanarCyclesMatchInterleavedCyclesInEveryBlock)
+{
+    RenderPath interleaved(executor), planar(executor);
+    std::mt19937 random(11);
+    std::uniform_real_distribution<float> sample(-0.8f, 0.8f);
+    struct Run {
+        int blocks;
+        int64_t frames;
+        bool sound;
+    };
+    const Run runs[] = { { 20, 256, true }, { 1, 3000, true }, { 200, 256, false }, { 4, 128, true } };
+    int blockNumber = 0;
+    for (const Run& run : runs) {
+        for (int b = 0; b < run.blocks; ++b, ++blockNumber) {
+            std::vector<float> frames(static_cast<size_t>(2 * run.frames), 0.0f);
+            if (run.sound)
+                for (float& value : frames)
+                    value = sample(random);
+            if (blockNumber == 5)
+                frames[7] = std::numeric_limits<float>::quiet_NaN();
+
+            std::vector<float> out(frames.size());
+            OneBuffer in1(frames, 2), out1(out, 2);
+            SystemEQProcessor::processIOCycle(interleaved.context, &in1.list, &out1.list);
+
+            std::vector<float> left(static_cast<size_t>(run.frames)), right(left.size());
+            for (int64_t i = 0; i < run.frames; ++i) {
+                left[static_cast<size_t>(i)] = frames[static_cast<size_t>(2 * i)];
+                right[static_cast<size_t>(i)] = frames[static_cast<size_t>(2 * i + 1)];
+            }
+            std::vector<float> outLeft(left.size()), outRight(left.size());
+            const auto bytes = static_cast<uint32_t>(left.size() * sizeof(float));
+            AudioBuffer inBuffers[2] = { { 1, bytes, left.data() }, { 1, bytes, right.data() } };
+            AudioBuffer outBuffers[2] = { { 1, bytes, outLeft.data() }, { 1, bytes, outRight.data() } };
+            AudioBufferList inList { 2, inBuffers }, outList { 2, outBuffers };
+            SystemEQProcessor::processIOCycle(planar.context, &inList, &outList);
+
+            std::vector<float> joined(out.size());
+            for (size_t i = 0; i < left.size(); ++i) {
+                joined[2 * i] = outLeft[i];
+                joined[2 * i + 1] = outRight[i];
+            }
+            ASSERT_EQ(std::memcmp(joined.data(), out.data(), out.size() * sizeof(float)), 0) << "block " << blockNumber;
+        }
+        const StreamStats::Snapshot a = interleaved.stats.snapshot(), b = planar.stats.snapshot();
+        EXPECT_EQ(a.frames, b.frames);
+        EXPECT_EQ(a.peak, b.peak);
+        EXPECT_EQ(interleaved.gate.isGated(), planar.gate.isGated());
+        EXPECT_EQ(interleaved.spectrum.levels(), planar.spectrum.levels());
+    }
+    EXPECT_FALSE(planar.gate.isGated()) << "sound opens the gate again";
+
+    const auto a = interleaved.recorder.markEvent("a", folder / "interleaved", "");
+    const auto b = planar.recorder.markEvent("a", folder / "planar", "");
+    ASSERT_TRUE(a && b);
+    EXPECT_EQ(fileBytes(a->raw), fileBytes(b->raw));
+    EXPECT_EQ(fileBytes(a->processed), fileBytes(b->processed));
+    EXPECT_EQ(fileBytes(a->processed).size(), 44u + 12000u * 8u);
 }

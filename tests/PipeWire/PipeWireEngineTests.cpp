@@ -132,8 +132,7 @@ TEST_F(PipeWireEngine, StopAndTheNextStartAfterACrashRestoreTheRouting)
         auto host = engineHost({ 0, 0, 0, -12, 0 });
         ASSERT_TRUE(host.started());
         ASSERT_TRUE(playerRoutedToTap(graph));
-        EXPECT_TRUE(TestGraph::waitFor(
-            [&] { return target() == std::to_string(graph.nodeSerial("sorva_system_tap").value_or(0)); }));
+        EXPECT_TRUE(TestGraph::waitFor([&] { return target() == "sorva_system_tap"; })) << target().value_or("(none)");
         EXPECT_TRUE(std::filesystem::exists(journal));
         if (crash) {
             host.process.kill(SIGKILL);

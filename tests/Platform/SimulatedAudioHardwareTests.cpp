@@ -3,15 +3,15 @@
 // the demo's music never goes quiet.
 #include "Platform/Simulated/MusicGenerator.h"
 #include "Platform/Simulated/SimulatedAudioHardware.h"
+#include "ThreadState.h"
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <atomic>
-#include <chrono>
 #include <cmath>
-#include <future>
 #include <thread>
+#include <unistd.h>
 
 using namespace sorva;
 
@@ -73,10 +73,19 @@ TEST(SimulatedAudioHardware, StopReturnsOnlyAfterTheCycleInProgressHasFinished)
     });
     while (!state.entered.load())
         std::this_thread::yield();
-    auto stopped = std::async(std::launch::async, [&] { return hardware.stopDevice(speakers, proc); });
-    EXPECT_EQ(stopped.wait_for(std::chrono::milliseconds(3)), std::future_status::timeout);
+    // stop must wait in the hardware until the cycle ends: it blocks, and only returns once released.
+    std::atomic<pid_t> stopperID { 0 };
+    std::atomic<bool> returned { false };
+    std::thread stopper([&] {
+        stopperID = ::gettid();
+        EXPECT_EQ(hardware.stopDevice(speakers, proc), 0);
+        returned = true;
+    });
+    while (!returned && (stopperID == 0 || !test::isAsleep(stopperID)))
+        std::this_thread::yield();
+    EXPECT_FALSE(returned.load()) << "stop returned while a cycle was running";
     state.release.store(true);
-    EXPECT_EQ(stopped.get(), 0);
+    stopper.join();
     EXPECT_TRUE(state.finished.load());
     ioThread.join();
 }

@@ -71,7 +71,7 @@ int main(int argc, char** argv)
         executor.post([&] { stopRequested = true; });
     });
     while (!stopRequested)
-        executor.runNext(std::chrono::milliseconds(1000));
+        executor.runNext(std::chrono::hours(1));
     reader.join();
     engine->stop();
     executor.runPending();
