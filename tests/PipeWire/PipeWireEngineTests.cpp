@@ -182,6 +182,23 @@ TEST_F(PipeWireEngine, LeavesAStreamTheUserMovedAwayFromTheTapWhereTheUserPutIt)
     EXPECT_TRUE(graph.linked(player, secondSpeakers));
 }
 
+// Another filter (a loopback: two streams in one link group) stays where it
+// plays while the program beside it is routed.
+TEST_F(PipeWireEngine, LeavesOtherFiltersWhereTheyPlay)
+{
+    graph.startRecorder("speakers", 4800);
+    ChildProcess loopback({ "pw-loopback", "--playback-props", "node.name=test_loopback_out" });
+    graph.startPlayer(std::vector<float>(48000 * 2, 0.0f));
+    ASSERT_TRUE(TestGraph::waitFor([&] { return linked(graph, "test_loopback_out", "speakers"); }));
+    auto host = engineHost({ 0, 0, 0, 0, 0 });
+    ASSERT_TRUE(host.started());
+    ASSERT_TRUE(playerRoutedToTap(graph));
+    ASSERT_TRUE(graph.waitGraphFrames(14400)); // time for a wrong move to show
+    EXPECT_FALSE(linked(graph, "test_loopback_out", "sorva_system_tap"));
+    EXPECT_FALSE(graph.metadata(*graph.nodeID("test_loopback_out"), "target.object"));
+    EXPECT_TRUE(host.stop());
+}
+
 TEST_F(PipeWireEngine, RunsTheGraphAtTheRequestedIOBufferSize)
 {
     auto quantumIs = [&](uint32_t frames) {
