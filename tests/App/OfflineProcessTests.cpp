@@ -140,24 +140,25 @@ TEST(OfflineProcess, EveryMistakeGivesOneLineExitStatusTwoAndLeavesNoFileBehind)
     std::ofstream(folder / "keep.wav") << "precious"; // must survive a failed run unchanged
     const std::vector<std::string> before = folder.names();
 
-    const std::vector<std::vector<std::string>> mistakes {
-        { "process", "missing.wav", "out.wav" },
-        { "process", "notes.txt", "out.wav" },
-        { "process", "empty.wav", "out.wav" },
-        { "process", "music.wav", "music.wav" },
-        { "process", "music.wav", "link.wav" },
-        { "process", "music.wav", "hardlink.wav" },
-        { "process", "music.wav", "no-such-folder/out.wav" },
-        { "process", "music.wav", "fifo" },
-        { "process", "music.wav", "keep.wav", "--preset", "jazz" },
-        { "process", "music.wav", "out.wav", "--gains", "1,2,3,4" },
-        { "process", "music.wav", "out.wav", "--gains", "1,2,3,4,5,6" },
-        { "process", "music.wav", "out.wav", "--gains", "1,2,nan,4,5" },
-        { "process", "music.wav", "out.wav", "--gains", "1,2,3,4,5dB" },
-        { "process", "music.wav", "out.wav", "--output-gain", "loud" },
-        { "process", "music.wav", "out.wav", "--volume", "3" },
-        { "process", "music.wav" },
-        { "--no-such-option" },
+    // Each with the start of its one line.
+    const std::pair<std::vector<std::string>, std::string> mistakes[] = {
+        { { "process", "missing.wav", "out.wav" }, "cannot read 'missing.wav': " },
+        { { "process", "notes.txt", "out.wav" }, "cannot read 'notes.txt' as audio: " },
+        { { "process", "empty.wav", "out.wav" }, "cannot read 'empty.wav' as audio: " },
+        { { "process", "music.wav", "music.wav" }, "input and output are the same file ('music.wav')" },
+        { { "process", "music.wav", "link.wav" }, "input and output are the same file ('link.wav')" },
+        { { "process", "music.wav", "hardlink.wav" }, "input and output are the same file ('hardlink.wav')" },
+        { { "process", "music.wav", "no-such-folder/out.wav" }, "cannot write 'no-such-folder/out.wav': " },
+        { { "process", "music.wav", "fifo" }, "cannot write 'fifo': it is not a regular file" },
+        { { "process", "music.wav", "keep.wav", "--preset", "jazz" }, "unknown preset 'jazz' (the presets are AirPods, Vocal, Electro, Rock)" },
+        { { "process", "music.wav", "out.wav", "--gains", "1,2,3,4" }, "--gains needs 5 gains in dB separated by commas, one per band (got 4)" },
+        { { "process", "music.wav", "out.wav", "--gains", "1,2,3,4,5,6" }, "--gains needs 5 gains in dB separated by commas, one per band (got 6)" },
+        { { "process", "music.wav", "out.wav", "--gains", "1,2,nan,4,5" }, "--gains needs finite numbers in dB" },
+        { { "process", "music.wav", "out.wav", "--gains", "1,2,3,4,5dB" }, "--gains needs finite numbers in dB" },
+        { { "process", "music.wav", "out.wav", "--output-gain", "loud" }, "--output-gain needs a finite number in dB (got 'loud')" },
+        { { "process", "music.wav", "out.wav", "--volume", "3" }, "unknown option '--volume' for process (see 'sorva process --help')" },
+        { { "process", "music.wav" }, "process needs an input file and an output file" },
+        { { "--no-such-option" }, "unknown option '--no-such-option' (see 'sorva --help')" },
     };
     auto expectRefused = [&](const std::vector<std::string>& arguments, const std::string& start) {
         std::string shown;
@@ -170,8 +171,8 @@ TEST(OfflineProcess, EveryMistakeGivesOneLineExitStatusTwoAndLeavesNoFileBehind)
         EXPECT_EQ(std::count(run.err.begin(), run.err.end(), '\n'), 1) << shown << ": " << run.err;
         EXPECT_EQ(folder.names(), before) << shown;
     };
-    for (const auto& arguments : mistakes)
-        expectRefused(arguments, "sorva: ");
+    for (const auto& [arguments, start] : mistakes)
+        expectRefused(arguments, "sorva: " + start);
 
     // A disk that fills up halfway: writes beyond 256 KiB fail (a file-size
     // limit, with its signal ignored so that the write reports EFBIG).

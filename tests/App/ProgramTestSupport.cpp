@@ -18,29 +18,6 @@ extern char** environ;
 
 namespace sorva::testing {
 
-ScratchFolder::ScratchFolder()
-{
-    std::string pattern = (std::filesystem::temp_directory_path() / "sorva-app-test.XXXXXX").string();
-    if (!::mkdtemp(pattern.data()))
-        throw std::runtime_error("mkdtemp failed");
-    folder = pattern;
-}
-
-ScratchFolder::~ScratchFolder()
-{
-    std::error_code ignored;
-    std::filesystem::remove_all(folder, ignored);
-}
-
-std::vector<std::string> ScratchFolder::names() const
-{
-    std::vector<std::string> result;
-    for (const auto& entry : std::filesystem::directory_iterator(folder))
-        result.push_back(entry.path().filename().string());
-    std::sort(result.begin(), result.end());
-    return result;
-}
-
 ProgramRun runSorva(const std::vector<std::string>& arguments, const std::filesystem::path& workingFolder)
 {
     // Captured into files outside the working folder, so that listing that

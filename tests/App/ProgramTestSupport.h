@@ -4,29 +4,14 @@
 // the equalizer, gain stage and limiter written from their description.
 #pragma once
 
+#include "TestFolders.h"
+
 #include <cstdint>
 #include <filesystem>
 #include <string>
 #include <vector>
 
 namespace sorva::testing {
-
-// A fresh temporary folder, removed with its contents at the end of the test.
-class ScratchFolder {
-public:
-    ScratchFolder();
-    ~ScratchFolder();
-    ScratchFolder(const ScratchFolder&) = delete;
-    ScratchFolder& operator=(const ScratchFolder&) = delete;
-
-    const std::filesystem::path& path() const { return folder; }
-    std::filesystem::path operator/(const std::string& name) const { return folder / name; }
-    // Every name in the folder, hidden ones included, sorted.
-    std::vector<std::string> names() const;
-
-private:
-    std::filesystem::path folder;
-};
 
 struct ProgramRun {
     int exitStatus = -1; // -1: did not exit normally

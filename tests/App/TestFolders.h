@@ -11,46 +11,79 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <memory>
 #include <mutex>
+#include <optional>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
 namespace sorva::testing {
 
+// A fresh temporary folder, removed with its contents (read-only parts too)
+// at the end of the test.
+class ScratchFolder {
+public:
+    explicit ScratchFolder(const std::string& prefix = "sorva-test-")
+    {
+        std::string pattern = (std::filesystem::temp_directory_path() / (prefix + "XXXXXX")).string();
+        if (!mkdtemp(pattern.data()))
+            throw std::runtime_error("mkdtemp failed");
+        folder = pattern;
+    }
+    ~ScratchFolder()
+    {
+        std::error_code ec;
+        for (auto& entry : std::filesystem::recursive_directory_iterator(folder, ec))
+            std::filesystem::permissions(entry.path(), std::filesystem::perms::owner_all,
+                                         std::filesystem::perm_options::add, ec);
+        std::filesystem::permissions(folder, std::filesystem::perms::owner_all, std::filesystem::perm_options::add, ec);
+        std::filesystem::remove_all(folder, ec);
+    }
+    ScratchFolder(const ScratchFolder&) = delete;
+    ScratchFolder& operator=(const ScratchFolder&) = delete;
+
+    const std::filesystem::path& path() const { return folder; }
+    std::filesystem::path operator/(const std::string& name) const { return folder / name; }
+    // Every name in the folder, hidden ones included, sorted.
+    std::vector<std::string> names() const
+    {
+        std::vector<std::string> result;
+        for (const auto& entry : std::filesystem::directory_iterator(folder))
+            result.push_back(entry.path().filename().string());
+        std::sort(result.begin(), result.end());
+        return result;
+    }
+
+private:
+    std::filesystem::path folder;
+};
+
 // A new empty folder set as XDG_CONFIG_HOME for the test's lifetime.
 class ConfigHome {
 public:
     ConfigHome()
+        : path(scratch.path())
     {
-        std::string pattern = (std::filesystem::temp_directory_path() / "sorva-config-XXXXXX").string();
-        path = mkdtemp(pattern.data());
         if (const char* old = std::getenv("XDG_CONFIG_HOME"))
-            previous = old, hadPrevious = true;
+            previous = old;
         setenv("XDG_CONFIG_HOME", path.c_str(), 1);
     }
-    ~ConfigHome()
-    {
-        std::error_code ec;
-        for (auto& entry : std::filesystem::recursive_directory_iterator(path, ec))
-            std::filesystem::permissions(entry.path(), std::filesystem::perms::owner_all,
-                                         std::filesystem::perm_options::add, ec);
-        std::filesystem::permissions(path, std::filesystem::perms::owner_all, std::filesystem::perm_options::add, ec);
-        std::filesystem::remove_all(path, ec);
-        if (hadPrevious)
-            setenv("XDG_CONFIG_HOME", previous.c_str(), 1);
-        else
-            unsetenv("XDG_CONFIG_HOME");
-    }
-    std::filesystem::path path;
+    ~ConfigHome() { previous ? setenv("XDG_CONFIG_HOME", previous->c_str(), 1) : unsetenv("XDG_CONFIG_HOME"); }
 
 private:
-    std::string previous;
-    bool hadPrevious = false;
+    ScratchFolder scratch { "sorva-config-" };
+
+public:
+    const std::filesystem::path path;
+
+private:
+    std::optional<std::string> previous;
 };
 
 inline void writeFile(const std::filesystem::path& path, const std::string& bytes)

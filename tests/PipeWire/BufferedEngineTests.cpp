@@ -7,8 +7,8 @@
 
 #include <algorithm>
 #include <cmath>
+#include <iostream>
 #include <sstream>
-#include <thread>
 
 using namespace std::chrono_literals;
 
@@ -26,7 +26,7 @@ struct BufferedHost : EngineHost {
     std::optional<std::pair<int64_t, int64_t>> ring()
     {
         process.writeLine("stats");
-        auto line = process.readLine(5s);
+        auto line = process.readLine(TestGraph::eventTimeout);
         if (!line || !line->starts_with("RING "))
             return std::nullopt;
         std::pair<int64_t, int64_t> result;
@@ -50,21 +50,35 @@ void expectLatency(TestGraph& graph, double latency)
     BufferedHost host(latency);
     ASSERT_TRUE(host.started());
     graph.startRecorder("speakers", 48000 * 3);
-    graph.startPlayer(impulseSignal(100));
+    graph.startPlayer(impulseSignal());
     ASSERT_TRUE(playerRoutedToTap(graph));
-    // The reader's rate nudging drains an initial excess over seconds.
+    // The reader's rate nudging brings the ring to its prime length over
+    // seconds of graph time. The impulses are measured while it stays there:
+    // on a loaded machine the graph may skip the tap's or the output's
+    // cycles, which moves the ring (and the latency with it) until the
+    // nudging has brought it back; such a window is measured again.
     const int64_t prime = BufferedEQProcessor::primeFrames(latency);
-    int settled = 0;
-    for (auto deadline = std::chrono::steady_clock::now() + 60s;
-         settled < 3 && std::chrono::steady_clock::now() < deadline;) {
-        std::this_thread::sleep_for(200ms);
+    auto atPrime = [&] {
         const auto ring = host.ring();
-        ASSERT_TRUE(ring);
-        settled = ring->second <= prime + quantum ? settled + 1 : 0;
+        return ring && ring->first == 0 && std::abs(ring->second - prime) <= quantum;
+    };
+    std::optional<int64_t> delay;
+    for (int polls = 0, settled = 0; !delay && polls < 300; ++polls) {
+        ASSERT_TRUE(graph.waitGraphFrames(9600));
+        settled = atPrime() ? settled + 1 : 0;
+        if (settled < 3)
+            continue;
+        delay = impulseDelay(graph);
+        if (!delay || !atPrime()) {
+            std::cout << "[ loaded   ] the ring moved while the impulses played; measuring again\n";
+            delay.reset();
+            settled = 0;
+            graph.stopPlayer();
+            graph.startPlayer(impulseSignal());
+            ASSERT_TRUE(playerRoutedToTap(graph));
+        }
     }
-    ASSERT_EQ(settled, 3) << "the ring never came down to its prime length";
-    auto delay = impulseDelay(graph, 100);
-    ASSERT_TRUE(delay);
+    ASSERT_TRUE(delay) << "the ring never stayed at its prime length for a measurement";
     EXPECT_NEAR(double(*delay), double(prime + quantum), double(quantum));
     EXPECT_TRUE(host.stop());
 }
@@ -80,11 +94,8 @@ TEST_F(PipeWireBufferedEngine, PlaysTheOtherProgramEqualizedWithoutUnderruns)
     graph.startRecorder("speakers", 48000 * 4);
     graph.startPlayer(signal);
     ASSERT_TRUE(playerRoutedToTap(graph));
-    std::this_thread::sleep_for(600ms);
-    graph.armPlayer();
-    ASSERT_TRUE(TestGraph::waitFor([&] { return graph.playerFinished(); }, 10s));
-    std::this_thread::sleep_for(400ms);
-    auto recording = graph.recorded();
+    ASSERT_TRUE(graph.waitGraphFrames(28800));
+    auto recording = playAndRecord(graph);
 
     auto bands = EQConfig::defaultConfig().bands;
     bands[2].gain = -12.0;
@@ -95,24 +106,27 @@ TEST_F(PipeWireBufferedEngine, PlaysTheOtherProgramEqualizedWithoutUnderruns)
     const double reference = rms(signal, 12000, 44000);
     const double expectedDB = 20.0 * std::log10(rms(expected, 12000, 44000) / reference);
 
-    size_t first = 0;
-    while (first < recording.size() / 2 && std::fabs(recording[first * 2]) < 1e-4f)
-        ++first;
-    ASSERT_LT(first + 44000, recording.size() / 2) << "the tone did not arrive";
+    ASSERT_LT(44000u, recording.size() / 2) << "the tone did not arrive";
     EXPECT_LT(expectedDB, -6.0);
     // Median over 50 ms windows: a cycle skipped under load costs a few windows.
     std::vector<double> windowDB;
-    for (size_t at = first + 12000; at + 2400 <= first + 44000; at += 2400)
+    for (size_t at = 12000; at + 2400 <= 44000; at += 2400)
         windowDB.push_back(20.0 * std::log10(rms(recording, at, at + 2400) / reference));
     std::nth_element(windowDB.begin(), windowDB.begin() + windowDB.size() / 2, windowDB.end());
     EXPECT_NEAR(windowDB[windowDB.size() / 2], expectedDB, 0.2) << "an unprocessed copy would sit near 0 dB";
     // Running on for a minute, the player still streaming (the count since
-    // priming reset first): no underrun.
+    // priming reset first): no underrun, unless the graph itself skipped
+    // cycles meanwhile (the recorder sees those), as it does on a machine too
+    // loaded to run its real-time threads in time. A ring that drains on an
+    // unloaded graph still fails.
     ASSERT_TRUE(host.ring());
-    std::this_thread::sleep_for(60s);
+    const uint64_t skippedBefore = graph.skippedCycles();
+    ASSERT_TRUE(graph.waitGraphFrames(48000 * 60));
     const auto ring = host.ring();
     ASSERT_TRUE(ring);
-    EXPECT_EQ(ring->first, 0);
+    const uint64_t skipped = graph.skippedCycles() - skippedBefore;
+    std::cout << "[ loaded   ] " << ring->first << " underruns, the graph skipped " << skipped << " cycles\n";
+    EXPECT_TRUE(ring->first == 0 || skipped > 0) << ring->first << " underruns on a graph that ran every cycle";
     EXPECT_TRUE(host.stop());
 }
 

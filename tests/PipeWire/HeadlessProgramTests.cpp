@@ -21,7 +21,7 @@ struct Program {
     {
     }
     // Reads until a line matches; false when the program ended or time ran out.
-    bool waitFor(const std::regex& pattern, std::chrono::milliseconds timeout)
+    bool waitFor(const std::regex& pattern, std::chrono::milliseconds timeout = TestGraph::eventTimeout)
     {
         auto deadline = std::chrono::steady_clock::now() + timeout;
         while (std::chrono::steady_clock::now() < deadline) {
@@ -47,19 +47,16 @@ TEST_F(HeadlessProgramOnPipeWire, EqualizesFollowsTheDefaultOutputAndLeavesTheGr
     auto home = std::filesystem::path(session.root()) / "home";
     std::filesystem::create_directories(home);
 
-    auto linked = [&](const char* from, const char* to) {
-        auto source = graph.nodeID(from), target = graph.nodeID(to);
-        return source && target && graph.linked(*source, *target);
-    };
+    auto linked = [&](const char* from, const char* to) { return sorva::testing::linked(graph, from, to); };
     Program sorva(home);
-    ASSERT_TRUE(sorva.waitFor(std::regex("processor started — output Speakers"), 15s));
+    ASSERT_TRUE(sorva.waitFor(std::regex("processor started — output Speakers")));
 
     // Another program plays; its sound reaches the speakers through SORVA.
     graph.startRecorder("speakers", 48000 * 6);
     graph.startPlayer(tone(48000 * 30, 440.0, 0.25f));
     graph.armPlayer();
     ASSERT_TRUE(playerRoutedToTap(graph));
-    ASSERT_TRUE(sorva.waitFor(std::regex(R"(^\[sorva\] frames \d+/s · peak 0\.2[45]\d\d · late \d+/\d+ · maxGap \d+\.\dms · work \d+\.\d\dms$)"), 10s));
+    ASSERT_TRUE(sorva.waitFor(std::regex(R"(^\[sorva\] frames \d+/s · peak 0\.2[45]\d\d · late \d+/\d+ · maxGap \d+\.\dms · work \d+\.\d\dms$)")));
     auto recorded = graph.recorded();
     ASSERT_FALSE(recorded.empty());
     auto peak = std::fabs(*std::max_element(recorded.begin(), recorded.end(),
@@ -69,26 +66,26 @@ TEST_F(HeadlessProgramOnPipeWire, EqualizesFollowsTheDefaultOutputAndLeavesTheGr
     // The default output changes past the engine's settle time (3 s after its
     // start): one rebuild, on the new device.
     for (int tick = 0; tick < 3; ++tick)
-        ASSERT_TRUE(sorva.waitFor(std::regex(R"(^\[sorva\] frames )"), 3s));
+        ASSERT_TRUE(sorva.waitFor(std::regex(R"(^\[sorva\] frames )")));
     graph.setDefaultSink("speakers-2");
-    ASSERT_TRUE(sorva.waitFor(std::regex("processor started — output Second Speakers"), 10s));
-    ASSERT_TRUE(sorva.waitFor(std::regex(R"(^\[sorva\] frames \d+/s · peak 0\.2)"), 10s));
+    ASSERT_TRUE(sorva.waitFor(std::regex("processor started — output Second Speakers")));
+    ASSERT_TRUE(sorva.waitFor(std::regex(R"(^\[sorva\] frames \d+/s · peak 0\.2)")));
     EXPECT_EQ(std::count_if(sorva.lines.begin(), sorva.lines.end(),
                             [](const std::string& line) { return line.starts_with("[sorva] single-device processor started"); }),
               2);
-    EXPECT_TRUE(TestGraph::waitFor([&] { return linked("sorva_output", "speakers-2"); }, 5s));
+    EXPECT_TRUE(TestGraph::waitFor([&] { return linked("sorva_output", "speakers-2"); }));
 
     // SIGTERM: SORVA stops and the program plays straight to the device.
     sorva.process.kill(SIGTERM);
-    EXPECT_TRUE(sorva.waitFor(std::regex("processing stopped — exiting"), 10s));
-    EXPECT_EQ(sorva.process.wait(10s), std::optional<int>(0));
+    EXPECT_TRUE(sorva.waitFor(std::regex("processing stopped — exiting")));
+    EXPECT_EQ(sorva.process.wait(TestGraph::eventTimeout), std::optional<int>(0));
     EXPECT_TRUE(TestGraph::waitFor(
-        [&] { return !graph.nodeID("sorva_system_tap") && !graph.nodeID("sorva_output"); }, 5s));
+        [&] { return !graph.nodeID("sorva_system_tap") && !graph.nodeID("sorva_output"); }));
     auto player = graph.nodeID("sorva_test_player");
     ASSERT_TRUE(player);
     EXPECT_FALSE(graph.metadata(*player, "target.object"));
     EXPECT_TRUE(TestGraph::waitFor(
-        [&] { return linked("sorva_test_player", "speakers") || linked("sorva_test_player", "speakers-2"); }, 5s));
+        [&] { return linked("sorva_test_player", "speakers") || linked("sorva_test_player", "speakers-2"); }));
 }
 
 } // namespace sorva::testing

@@ -47,93 +47,56 @@ EngineHost engineHost(const std::vector<double>& gains)
     return EngineHost({ SORVA_ENGINE_HOST, "--gains", list });
 }
 
-// The first sample at which a and b differ, -1 when they are equal.
-std::ptrdiff_t firstDifference(const std::vector<float>& a, const std::vector<float>& b)
-{
-    if (a.size() != b.size())
-        return 0;
-    auto at = std::mismatch(a.begin(), a.end(), b.begin()).first;
-    return at == a.end() ? -1 : at - a.begin();
-}
-
-bool playerPlaysDirectly(TestGraph& graph)
-{
-    return TestGraph::waitFor(
-        [&] {
-            auto player = graph.nodeID("sorva_test_player");
-            auto speakers = graph.nodeID("speakers");
-            return player && speakers && graph.linked(*player, *speakers) && !graph.nodeID("sorva_system_tap");
-        },
-        5s);
-}
-
-// Plays the signal once; the recording from its first non-zero frame on.
-std::vector<float> playAndRecord(TestGraph& graph)
-{
-    graph.armPlayer();
-    EXPECT_TRUE(TestGraph::waitFor([&] { return graph.playerFinished(); }, 10s));
-    std::this_thread::sleep_for(500ms);
-    auto recording = graph.recorded();
-    auto first = std::find_if(recording.begin(), recording.end(), [](float s) { return s != 0.0f; });
-    return std::vector<float>(recording.begin() + (first - recording.begin()) / 2 * 2, recording.end());
-}
-
 using PipeWireEngine = GraphTest;
 
 // Both paths copy floats at one rate, so the equalizer's output arrives bit
-// for bit; a cycle the graph skips under load skips every node alike.
-TEST_F(PipeWireEngine, EqualizesAnotherProgramExactlyAsTheEqualizerDoes)
+// for bit, followed by its own decay once the player plays silence: an
+// unprocessed copy leaking through, or SORVA's output fed back into its tap,
+// changes bits.
+TEST_F(PipeWireEngine, EqualizesAnotherProgramExactlyLeaksNothingAndFeedsNothingBack)
 {
-    const std::vector<double> gains { 6.0, -3.0, 4.0, -2.0, 5.0 };
-    auto host = engineHost(gains);
-    ASSERT_TRUE(host.started());
-    graph.startRecorder("speakers", 48000 * 4);
-    auto signal = noise(48000, 7);
-    graph.startPlayer(signal);
-    ASSERT_TRUE(playerRoutedToTap(graph));
-    std::this_thread::sleep_for(300ms); // the 150 ms fade-in plays out on silence
+    struct Case {
+        const char* name;
+        std::vector<double> gains;
+        std::vector<float> signal;
+    };
+    const Case cases[] = {
+        { "noise, every band", { 6.0, -3.0, 4.0, -2.0, 5.0 }, noise(48000, 7) },
+        { "2 kHz tone, its band at -24 dB", { 0.0, 0.0, 0.0, -24.0, 0.0 }, tone(48000, 2000.0, 0.25f) },
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        auto host = engineHost(c.gains);
+        ASSERT_TRUE(host.started());
+        graph.startRecorder("speakers", 48000 * 2);
+        graph.startPlayer(c.signal);
+        ASSERT_TRUE(playerRoutedToTap(graph));
+        ASSERT_TRUE(graph.waitGraphFrames(14400)); // the 150 ms fade-in plays out on silence
 
-    auto received = playAndRecord(graph);
-    ASSERT_GE(received.size(), signal.size()) << "the speakers did not receive the whole signal";
-    received.resize(signal.size());
-    EXPECT_EQ(firstDifference(received, equalized(signal, gains)), -1);
-    // The user's default devices stay what they were.
-    EXPECT_EQ(graph.metadata(0, "default.audio.sink"), std::optional<std::string>("{\"name\":\"speakers\"}"));
-    EXPECT_EQ(graph.metadata(0, "default.audio.source").value_or("").find("sorva"), std::string::npos);
-    EXPECT_TRUE(host.stop());
-}
-
-TEST_F(PipeWireEngine, LeaksNothingUnprocessedAndDoesNotFeedItsOutputBack)
-{
-    const std::vector<double> gains { 0.0, 0.0, 0.0, -24.0, 0.0 };
-    auto host = engineHost(gains);
-    ASSERT_TRUE(host.started());
-    graph.startRecorder("speakers", 48000 * 4);
-    const size_t frames = 48000;
-    auto signal = tone(frames, 2000.0, 0.25f);
-    graph.startPlayer(signal);
-    ASSERT_TRUE(playerRoutedToTap(graph));
-    std::this_thread::sleep_for(300ms);
-    auto recording = playAndRecord(graph);
-    ASSERT_GT(recording.size(), (frames + 14400) * 2);
-
-    // Steady state: an unprocessed copy would sit near 0 dB.
-    const double reference = rms(signal, 12000, 44000);
-    const double expectedDB = 20.0 * std::log10(rms(equalized(signal, gains), 12000, 44000) / reference);
-    EXPECT_LT(expectedDB, -20.0);
-    EXPECT_NEAR(20.0 * std::log10(rms(recording, 12000, 44000) / reference), expectedDB, 0.05);
-    // Feedback from SORVA's output into its tap would outlive the player.
-    EXPECT_LT(20.0 * std::log10(rms(recording, frames + 2400, frames + 14400) / 0.25 + 1e-12), -90.0);
-    EXPECT_TRUE(host.stop());
+        auto withSilence = c.signal;
+        withSilence.resize(withSilence.size() + 14400 * 2, 0.0f);
+        const auto match = matchByQuanta(playAndRecord(graph), withSilence, graph.recorderCycleFrames(),
+                                         [&](std::vector<float> input) { return equalized(std::move(input), c.gains); });
+        EXPECT_TRUE(match.matches) << match.mismatch;
+        if (match.lostQuanta > 0)
+            std::cout << "[ loaded   ] the graph lost " << match.lostQuanta << " quanta\n";
+        // The user's default devices stay what they were.
+        EXPECT_EQ(graph.metadata(0, "default.audio.sink"), std::optional<std::string>("{\"name\":\"speakers\"}"));
+        EXPECT_EQ(graph.metadata(0, "default.audio.source").value_or("").find("sorva"), std::string::npos);
+        EXPECT_TRUE(host.stop());
+        graph.stopPlayer();
+        graph.stopRecorder();
+        ASSERT_TRUE(TestGraph::waitFor([&] { return !graph.nodeID("sorva_system_tap"); }));
+    }
 }
 
 TEST_F(PipeWireEngine, AddsNoLatencyToTheDirectPath)
 {
     graph.startRecorder("speakers", 48000 * 3);
-    graph.startPlayer(impulseSignal(100));
+    graph.startPlayer(impulseSignal());
     ASSERT_TRUE(playerPlaysDirectly(graph));
-    std::this_thread::sleep_for(200ms);
-    auto direct = impulseDelay(graph, 100);
+    ASSERT_TRUE(graph.waitGraphFrames(9600));
+    auto direct = impulseDelay(graph);
     ASSERT_TRUE(direct);
     graph.stopPlayer();
     graph.stopRecorder();
@@ -141,10 +104,10 @@ TEST_F(PipeWireEngine, AddsNoLatencyToTheDirectPath)
     auto host = engineHost({ 0, 0, 0, 0, 0 });
     ASSERT_TRUE(host.started());
     graph.startRecorder("speakers", 48000 * 3);
-    graph.startPlayer(impulseSignal(100));
+    graph.startPlayer(impulseSignal());
     ASSERT_TRUE(playerRoutedToTap(graph));
-    std::this_thread::sleep_for(300ms);
-    auto throughSORVA = impulseDelay(graph, 100);
+    ASSERT_TRUE(graph.waitGraphFrames(14400));
+    auto throughSORVA = impulseDelay(graph);
     ASSERT_TRUE(throughSORVA);
     EXPECT_EQ(*throughSORVA, *direct);
     std::cout << "[ latency  ] direct path " << *direct << " frames, through SORVA " << *throughSORVA << " frames\n";
@@ -157,11 +120,11 @@ TEST_F(PipeWireEngine, StopAndTheNextStartAfterACrashRestoreTheRouting)
     graph.startRecorder("speakers", 48000 * 4);
     graph.startPlayer(signal);
     std::optional<uint32_t> player;
-    ASSERT_TRUE(TestGraph::waitFor([&] { return (player = graph.nodeID("sorva_test_player")).has_value(); }, 5s));
+    ASSERT_TRUE(TestGraph::waitFor([&] { return (player = graph.nodeID("sorva_test_player")).has_value(); }));
     // The user had sent this program to the speakers by name.
     graph.setMetadata(*player, "target.object", "", "speakers");
     auto target = [&] { return graph.metadata(*player, "target.object"); };
-    ASSERT_TRUE(TestGraph::waitFor([&] { return target() == "speakers"; }, 2s));
+    ASSERT_TRUE(TestGraph::waitFor([&] { return target() == "speakers"; }));
     auto journal = std::filesystem::path(session.stateHome()) / "sorva" / "routing-journal";
 
     for (bool crash : { false, true }) {
@@ -169,35 +132,38 @@ TEST_F(PipeWireEngine, StopAndTheNextStartAfterACrashRestoreTheRouting)
         auto host = engineHost({ 0, 0, 0, -12, 0 });
         ASSERT_TRUE(host.started());
         ASSERT_TRUE(playerRoutedToTap(graph));
-        EXPECT_EQ(target(), "sorva_system_tap");
+        EXPECT_TRUE(TestGraph::waitFor([&] { return target() == "sorva_system_tap"; })) << target().value_or("(none)");
         EXPECT_TRUE(std::filesystem::exists(journal));
         if (crash) {
             host.process.kill(SIGKILL);
-            ASSERT_TRUE(host.process.wait(5s));
-            ASSERT_TRUE(TestGraph::waitFor([&] { return !graph.nodeID("sorva_system_tap"); }, 5s));
+            ASSERT_TRUE(host.process.wait(TestGraph::eventTimeout));
+            ASSERT_TRUE(TestGraph::waitFor([&] { return !graph.nodeID("sorva_system_tap"); }));
             EXPECT_NE(target(), "speakers");
             EXPECT_TRUE(std::filesystem::exists(journal));
             break;
         }
         ASSERT_TRUE(host.stop());
-        EXPECT_EQ(target(), "speakers");
         EXPECT_FALSE(std::filesystem::exists(journal));
+        EXPECT_TRUE(TestGraph::waitFor([&] { return target() == "speakers"; })) << target().value_or("(none)");
         ASSERT_TRUE(playerPlaysDirectly(graph));
-        EXPECT_FALSE(graph.nodeID("sorva_output"));
-        auto received = playAndRecord(graph);
-        received.resize(std::min(received.size(), signal.size()));
-        EXPECT_EQ(firstDifference(received, signal), -1) << "after stop the program must sound as it plays";
+        EXPECT_TRUE(TestGraph::waitFor([&] { return !graph.nodeID("sorva_output"); }));
+        auto withSilence = signal;
+        withSilence.resize(signal.size() + 4800 * 2, 0.0f);
+        const auto match = matchByQuanta(playAndRecord(graph), withSilence, graph.recorderCycleFrames(),
+                                         [](std::vector<float> input) { return input; });
+        EXPECT_TRUE(match.matches) << "after stop the program must sound as it plays: " << match.mismatch;
     }
     // Unrepaired, the next engine would take the dead tap for the user's target.
     auto nextStart = engineHost({ 0, 0, 0, 0, 0 });
     ASSERT_TRUE(nextStart.started());
     ASSERT_TRUE(nextStart.stop());
-    EXPECT_TRUE(TestGraph::waitFor([&] { return target() == "speakers"; }, 2s)) << target().value_or("(none)");
+    EXPECT_TRUE(TestGraph::waitFor([&] { return target() == "speakers"; })) << target().value_or("(none)");
     EXPECT_FALSE(std::filesystem::exists(journal));
 }
 
 TEST_F(PipeWireEngine, LeavesAStreamTheUserMovedAwayFromTheTapWhereTheUserPutIt)
 {
+    graph.startRecorder("speakers", 4800);
     graph.startPlayer(std::vector<float>(48000 * 2, 0.0f));
     auto host = engineHost({ 0, 0, 0, 0, 0 });
     ASSERT_TRUE(host.started());
@@ -206,19 +172,37 @@ TEST_F(PipeWireEngine, LeavesAStreamTheUserMovedAwayFromTheTapWhereTheUserPutIt)
     auto secondSpeakers = *graph.nodeID("speakers-2");
     const auto serial = std::to_string(*graph.nodeSerial("speakers-2"));
     graph.setMetadata(player, "target.object", "Spa:Id", serial);
-    ASSERT_TRUE(TestGraph::waitFor([&] { return graph.linked(player, secondSpeakers); }, 3s));
-    std::this_thread::sleep_for(300ms);
+    ASSERT_TRUE(TestGraph::waitFor([&] { return graph.linked(player, secondSpeakers); }));
+    // A pull back would follow the move within a few cycles.
+    ASSERT_TRUE(graph.waitGraphFrames(14400));
     EXPECT_FALSE(graph.linked(player, *graph.nodeID("sorva_system_tap"))) << "not routed back";
     ASSERT_TRUE(host.stop());
+    ASSERT_TRUE(graph.waitGraphFrames(14400));
     EXPECT_EQ(graph.metadata(player, "target.object"), serial);
-    std::this_thread::sleep_for(300ms);
     EXPECT_TRUE(graph.linked(player, secondSpeakers));
+}
+
+// Another filter (a loopback: two streams in one link group) stays where it
+// plays while the program beside it is routed.
+TEST_F(PipeWireEngine, LeavesOtherFiltersWhereTheyPlay)
+{
+    graph.startRecorder("speakers", 4800);
+    ChildProcess loopback({ "pw-loopback", "--playback-props", "node.name=test_loopback_out" });
+    graph.startPlayer(std::vector<float>(48000 * 2, 0.0f));
+    ASSERT_TRUE(TestGraph::waitFor([&] { return linked(graph, "test_loopback_out", "speakers"); }));
+    auto host = engineHost({ 0, 0, 0, 0, 0 });
+    ASSERT_TRUE(host.started());
+    ASSERT_TRUE(playerRoutedToTap(graph));
+    ASSERT_TRUE(graph.waitGraphFrames(14400)); // time for a wrong move to show
+    EXPECT_FALSE(linked(graph, "test_loopback_out", "sorva_system_tap"));
+    EXPECT_FALSE(graph.metadata(*graph.nodeID("test_loopback_out"), "target.object"));
+    EXPECT_TRUE(host.stop());
 }
 
 TEST_F(PipeWireEngine, RunsTheGraphAtTheRequestedIOBufferSize)
 {
     auto quantumIs = [&](uint32_t frames) {
-        return TestGraph::waitFor([&] { return graph.recorderCycleFrames() == frames; }, 3s);
+        return TestGraph::waitFor([&] { return graph.recorderCycleFrames() == frames; });
     };
     graph.startRecorder("speakers", 48000 * 2);
     ASSERT_TRUE(quantumIs(1024));
@@ -239,26 +223,25 @@ TEST_F(PipeWireEngine, RebuildsOnTheNewDefaultDeviceOnlyAfterSettlingAndOnARateC
     auto host = engineHost({ 0, 0, 0, -12, 0 });
     ASSERT_TRUE(host.started());
     auto started = std::chrono::steady_clock::now();
-    ASSERT_TRUE(playerRoutedToTap(graph));
 
-    // Within the first 3 s a device change is dropped, not postponed.
+    // Within the first 3 s a device change is dropped, not postponed. (The
+    // settling time is the engine's own wall-clock rule; the changes follow
+    // its start at once, so a loaded machine has 2.5 s of slack.)
     graph.setDefaultSink("speakers-2");
-    ASSERT_TRUE(TestGraph::waitFor([&] { return graph.metadata(0, "default.audio.sink") == "{\"name\":\"speakers-2\"}"; }, 2s));
+    ASSERT_TRUE(TestGraph::waitFor([&] { return graph.metadata(0, "default.audio.sink") == "{\"name\":\"speakers-2\"}"; }));
     graph.setDefaultSink("speakers");
     ASSERT_LT(std::chrono::steady_clock::now() - started, 2500ms);
+    ASSERT_TRUE(playerRoutedToTap(graph));
     std::this_thread::sleep_for(3500ms - (std::chrono::steady_clock::now() - started));
     EXPECT_EQ(host.process.readLine(300ms), std::nullopt) << "nothing is rebuilt for a change in the first 3 s";
 
     graph.setDefaultSink("speakers-2");
-    EXPECT_EQ(host.process.readLine(5s), std::optional<std::string>("REBUILT Second Speakers 48000.000000"));
-    EXPECT_TRUE(TestGraph::waitFor([&] {
-        auto output = graph.nodeID("sorva_output");
-        return output && graph.linked(*output, *graph.nodeID("speakers-2"));
-    }, 3s));
+    EXPECT_EQ(host.process.readLine(TestGraph::eventTimeout), std::optional<std::string>("REBUILT Second Speakers 48000.000000"));
+    EXPECT_TRUE(TestGraph::waitFor([&] { return linked(graph, "sorva_output", "speakers-2"); }));
     EXPECT_TRUE(playerRoutedToTap(graph)) << "the rebuilt engine routes the program again";
 
     ASSERT_EQ(std::system("pw-metadata -n settings 0 clock.force-rate 44100 >/dev/null"), 0);
-    EXPECT_EQ(host.process.readLine(5s), std::optional<std::string>("REBUILT Second Speakers 44100.000000"));
+    EXPECT_EQ(host.process.readLine(TestGraph::eventTimeout), std::optional<std::string>("REBUILT Second Speakers 44100.000000"));
     EXPECT_TRUE(host.stop());
 }
 

@@ -4,20 +4,15 @@
 
 #include "Audio/EQController.h"
 #include "Models/LoginItem.h"
-#include "Platform/ManualMainExecutor.h"
-#include "Platform/SleepWatcher.h"
-#include "Platform/Simulated/SimulatedAudioHardware.h"
 #include "Views/CapsuleButton.h"
 #include "Views/CreditsOverlay.h"
 #include "Views/SwitchToggle.h"
 #include "Views/VerticalGainSlider.h"
-#include "WidgetTestSupport.h"
+#include "Views/ViewsTestSupport.h"
 
-#include <QDBusConnection>
 #include <QLabel>
 #include <QSignalSpy>
 #include <QSlider>
-#include <QTemporaryDir>
 #include <QTest>
 
 #include <gtest/gtest.h>
@@ -31,16 +26,6 @@ class EQPanelViewTest : public ::testing::Test {
 protected:
     EQPanelViewTest()
     {
-        testing::widgetApp();
-        qputenv("XDG_CONFIG_HOME", configHome.path().toLocal8Bit());
-        auto hardware = std::make_shared<SimulatedAudioHardware>();
-        hardware->addOutputDevice("Speakers", "speakers", 48000.0, 512);
-        EQController::Environment environment;
-        environment.hardware = hardware;
-        environment.mainExecutor = std::make_shared<ManualMainExecutor>();
-        environment.makeSleepWatcher
-            = [] { return std::make_unique<SleepWatcher>(QDBusConnection(QStringLiteral("sorva-no-bus"))); };
-        controller = std::make_unique<EQController>(environment);
         panel = std::make_unique<EQPanelView>(*controller, false);
         panel->show();
     }
@@ -52,8 +37,8 @@ protected:
         return widget;
     }
 
-    QTemporaryDir configHome;
-    std::unique_ptr<EQController> controller;
+    testing::SimulatedController simulated;
+    EQController* controller = simulated.controller.get();
     std::unique_ptr<EQPanelView> panel;
 };
 

@@ -2,7 +2,7 @@
 // left by a crashed one does not block the next start.
 #include "App/SingleInstance.h"
 
-#include "WidgetTestSupport.h"
+#include "Views/ViewsTestSupport.h"
 
 #include <QTemporaryDir>
 #include <QThread>
@@ -31,7 +31,7 @@ std::future<bool> askFromAnotherThread(const QString& path)
 
 TEST(SingleInstanceTests, LaterLaunchOpensTheRunningPanelAndStaleSocketsAreTakenOver)
 {
-    testing::widgetApp();
+    testing::viewsApp();
     QTemporaryDir folder;
     ASSERT_TRUE(folder.isValid());
     const QString path = folder.filePath(QStringLiteral("sorva-test.instance"));

@@ -11,8 +11,6 @@
 #include "Audio/EQController.h"
 #include "Audio/EQLog.h"
 #include "Models/EQPresets.h"
-#include "Platform/ManualMainExecutor.h"
-#include "Platform/Simulated/SimulatedAudioHardware.h"
 #include "ViewsTestSupport.h"
 
 #include <gtest/gtest.h>
@@ -21,34 +19,12 @@
 #include <QKeyEvent>
 #include <QVBoxLayout>
 
-#include <cstdlib>
-#include <filesystem>
 
 namespace sorva {
 namespace {
 
-// The controller saves every configuration: into a folder of the test's own.
 class PresetPillsTest : public ::testing::Test {
 protected:
-    PresetPillsTest()
-    {
-        testing::viewsApp();
-        std::string pattern = (std::filesystem::temp_directory_path() / "sorva-views-config-XXXXXX").string();
-        folder = mkdtemp(pattern.data());
-        setenv("XDG_CONFIG_HOME", folder.c_str(), 1);
-        hardware->addOutputDevice("Speakers", "speakers", 48000.0, 512);
-        EQController::Environment environment;
-        environment.hardware = hardware;
-        environment.mainExecutor = std::make_shared<ManualMainExecutor>();
-        controller = std::make_unique<EQController>(environment);
-    }
-    ~PresetPillsTest() override
-    {
-        controller.reset();
-        std::error_code ignored;
-        std::filesystem::remove_all(folder, ignored);
-    }
-
     std::vector<bool> selection(const PresetPills& pills) const
     {
         std::vector<bool> selected;
@@ -57,9 +33,8 @@ protected:
         return selected;
     }
 
-    std::filesystem::path folder;
-    std::shared_ptr<SimulatedAudioHardware> hardware = std::make_shared<SimulatedAudioHardware>();
-    std::unique_ptr<EQController> controller;
+    testing::SimulatedController simulated;
+    EQController* controller = simulated.controller.get();
 };
 
 TEST_F(PresetPillsTest, ClickAppliesThePresetAndTheHighlightFollowsTheConfiguration)

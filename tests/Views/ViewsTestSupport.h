@@ -1,16 +1,28 @@
-// Shared helpers of the view tests: one offscreen QApplication with the
-// panel's fonts registered, rendering a widget into an image at a given size,
-// and colour comparisons for pixel probes.
+// Shared helpers of the view and shell tests: one offscreen QApplication with
+// the panel's fonts registered (widgets and local sockets work without a
+// display), rendering a widget into an image at a given size, colour
+// comparisons for pixel probes, and processing events until something holds.
 #pragma once
 
+#include "Audio/EQController.h"
+#include "Platform/ManualMainExecutor.h"
+#include "Platform/Simulated/SimulatedAudioHardware.h"
+#include "Platform/SleepWatcher.h"
 #include "Views/SORVATheme.h"
+
+#include <QDBusConnection>
+#include <QTemporaryDir>
 
 #include <QApplication>
 #include <QColor>
+#include <QElapsedTimer>
 #include <QImage>
 #include <QWidget>
 
+#include <chrono>
 #include <cmath>
+#include <functional>
+#include <memory>
 #include <ostream>
 
 namespace sorva::testing {
@@ -21,7 +33,7 @@ inline QApplication& viewsApp()
         // Pixel probes need the same rendering everywhere, display or not.
         qputenv("QT_QPA_PLATFORM", "offscreen");
         static int argc = 1;
-        static char name[] = "sorva_views_tests";
+        static char name[] = "sorva_widget_tests";
         static char* argv[] = { name, nullptr };
         auto* created = new QApplication(argc, argv);
         SORVATheme::registerFonts();
@@ -29,6 +41,26 @@ inline QApplication& viewsApp()
     }();
     return *app;
 }
+
+// A controller that is switched off, on the simulated audio system with one
+// output, saving into a configuration folder of its own.
+struct SimulatedController {
+    SimulatedController()
+    {
+        viewsApp();
+        qputenv("XDG_CONFIG_HOME", home.path().toLocal8Bit());
+        hardware->addOutputDevice("Speakers", "speakers", 48000.0, 512);
+        EQController::Environment environment;
+        environment.hardware = hardware;
+        environment.mainExecutor = std::make_shared<ManualMainExecutor>();
+        environment.makeSleepWatcher
+            = [] { return std::make_unique<SleepWatcher>(QDBusConnection(QStringLiteral("sorva-no-bus"))); };
+        controller = std::make_unique<EQController>(environment);
+    }
+    QTemporaryDir home;
+    std::shared_ptr<SimulatedAudioHardware> hardware = std::make_shared<SimulatedAudioHardware>();
+    std::unique_ptr<EQController> controller;
+};
 
 // The widget drawn at size on a transparent image, one pixel per unit.
 inline QImage render(QWidget& widget, QSize size)
@@ -47,6 +79,20 @@ inline bool near(const QColor& actual, const QColor& expected, int tolerance = 8
     return std::abs(actual.red() - expected.red()) <= tolerance && std::abs(actual.green() - expected.green()) <= tolerance
         && std::abs(actual.blue() - expected.blue()) <= tolerance
         && std::abs(actual.alpha() - expected.alpha()) <= tolerance;
+}
+
+// Processes events until done() holds or the timeout passes; returns done().
+inline bool processEventsUntil(const std::function<bool()>& done, std::chrono::milliseconds timeout)
+{
+    viewsApp();
+    QElapsedTimer clock;
+    clock.start();
+    while (!done()) {
+        if (clock.elapsed() > timeout.count())
+            return false;
+        QCoreApplication::processEvents(QEventLoop::AllEvents, 5);
+    }
+    return true;
 }
 
 inline QColor withAlpha(QColor color, double alpha)
