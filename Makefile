@@ -64,6 +64,9 @@ fuzz-smoke: fuzz-build
 # not one to hide behind a second run.
 test: build sanitize fuzz-smoke
 	cd $(BUILD) && ctest --output-on-failure -j $(JOBS) --timeout 1500
+	@if [ -x $(BUILD)/tests/render-views ]; then \
+	  QT_QPA_PLATFORM=offscreen $(BUILD)/tests/render-views $(BUILD)/views-png && \
+	  echo "The views in their edge-case states, for a look: $(BUILD)/views-png/"; fi
 
 bench: deps
 	cmake -S . -B build-bench -DCMAKE_BUILD_TYPE=Release -DSORVA_BUILD_TESTS=OFF -DSORVA_BUILD_BENCH=ON
