@@ -55,7 +55,7 @@ QColor colorFromHex(std::string_view text)
     const int red = static_cast<int>((value >> 16) & 0xFF);
     const int green = static_cast<int>((value >> 8) & 0xFF);
     const int blue = static_cast<int>(value & 0xFF);
-    // QColor's RGB spec is sRGB.
+    // QColor's RGB model is sRGB.
     return QColor(red, green, blue, 255);
 }
 

@@ -39,7 +39,7 @@ TEST(ColorHex, ScansLikeTheHexIntegerScannerAndKeepsTheLowTwentyFourBits)
         const QColor color = colorFromHex(c.text);
         EXPECT_EQ(color.rgba(), c.expected.rgba()) << '"' << c.text << '"';
         EXPECT_EQ(color.alpha(), 255) << '"' << c.text << '"';
-        EXPECT_EQ(color.spec(), QColor::Rgb) << '"' << c.text << '"';
+        EXPECT_EQ(color, QColor::fromRgba(color.rgba())) << '"' << c.text << '"' << " is an sRGB colour";
     }
 }
 
