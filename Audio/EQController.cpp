@@ -228,6 +228,8 @@ AudioLifecycleCoordinator& EQController::lifecycle()
                     controller.startSingleDeviceProcessor();
                 controller.lastError.reset();
             } catch (const AudioTapError& error) {
+                if (error.isPermissionDenied())
+                    controller.failedWithPermissionDenied = true;
                 controller.lastError = error.errorDescription();
                 EQLog::trace("start failed: " + error.errorDescription());
                 throw;
@@ -352,13 +354,7 @@ void EQController::startSingleDeviceProcessor()
     engine->onConfigurationChange = restartOnConfigurationChange();
     // The engine starts with the real configuration; a bypass that is on
     // takes effect at the next pushConfig().
-    try {
-        engine->start(configValue.bands, configValue.outputGain);
-    } catch (const AudioTapError& error) {
-        if (error.isPermissionDenied())
-            failedWithPermissionDenied = true;
-        throw;
-    }
+    engine->start(configValue.bands, configValue.outputGain);
     processor = std::move(engine);
     primeMonitorState();
     setDiagnostics(QString::fromStdString(
@@ -377,13 +373,7 @@ void EQController::startBufferedProcessor()
                                                         *environment.mainExecutor, environment.engineWait,
                                                         environment.monotonicClock);
     engine->onConfigurationChange = restartOnConfigurationChange();
-    try {
-        engine->start(configValue.bands, configValue.outputGain);
-    } catch (const AudioTapError& error) {
-        if (error.isPermissionDenied())
-            failedWithPermissionDenied = true;
-        throw;
-    }
+    engine->start(configValue.bands, configValue.outputGain);
     buffered = std::move(engine);
     primeMonitorState();
     setDiagnostics(QString::fromStdString(format("%s · %d ms buffer", buffered->outputDeviceName.c_str(),
