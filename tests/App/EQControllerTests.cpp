@@ -36,15 +36,11 @@ using Status = EQController::Status;
 using Call = SimulatedAudioHardware::Call;
 const std::string restartLine = "tap still silent after 2s — restarting";
 
-size_t count(const std::vector<std::string>& lines, const std::string& text)
-{
-    return static_cast<size_t>(std::count(lines.begin(), lines.end(), text));
-}
+size_t count(const std::vector<std::string>& lines, const std::string& text) { return size_t(std::ranges::count(lines, text)); }
 
 size_t countPrefix(const std::vector<std::string>& lines, const std::string& prefix)
 {
-    return static_cast<size_t>(
-        std::count_if(lines.begin(), lines.end(), [&](const std::string& line) { return line.rfind(prefix, 0) == 0; }));
+    return size_t(std::ranges::count_if(lines, [&](const std::string& line) { return line.starts_with(prefix); }));
 }
 
 class ControllerTest : public ::testing::Test {

@@ -121,11 +121,6 @@ TEST(OfflineProcess, WithoutOptionsTheSavedConfigurationApplies)
         ASSERT_EQ(run.exitStatus, 0) << run.err;
         expectMatchesReference(folder / "out.wav", input, expected);
     }
-    // A damaged settings file is the default configuration: flat.
-    writeFile(EQSettings::filePath(), std::string("[General]\nbandGains=1, 2, x\x01\xff\noutputGain=5\n"));
-    const ProgramRun run = runSorva({ "process", "music.wav", "flat.wav" }, folder.path());
-    ASSERT_EQ(run.exitStatus, 0) << run.err;
-    expectMatchesReference(folder / "flat.wav", input, { { 0, 0, 0, 0, 0 }, 0 });
 }
 
 TEST(OfflineProcess, EveryMistakeGivesOneLineExitStatusTwoAndLeavesNoFileBehind)

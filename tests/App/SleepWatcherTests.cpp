@@ -1,6 +1,6 @@
-#include "Audio/EQLog.h"
 #include "Platform/SleepWatcher.h"
 #include "QtTestSupport.h"
+#include "TestFolders.h"
 
 #include <gtest/gtest.h>
 
@@ -65,17 +65,15 @@ TEST(SleepWatcher, TurnsLogindsPrepareForSleepIntoSleepAndWakeAndIgnoresImpostor
 TEST(SleepWatcher, WithoutABusLogsOnce)
 {
     sorva::testing::qtApp();
-    std::vector<std::string> lines;
-    EQLog::setObserver([&](const std::string& line) { lines.push_back(line); });
+    sorva::testing::LogCapture log;
     {
         SleepWatcher watcher(QDBusConnection::connectToBus(QStringLiteral("unix:path=/nonexistent/sorva-test-bus"),
                                                            QStringLiteral("sleep-test-nowhere")));
         EXPECT_FALSE(watcher.isWatching());
     }
     QDBusConnection::disconnectFromBus(QStringLiteral("sleep-test-nowhere"));
-    EQLog::setObserver({});
-    ASSERT_EQ(lines.size(), 1u);
-    EXPECT_EQ(lines[0].rfind("sleep and wake notifications unavailable: no system bus", 0), 0u) << lines[0];
+    ASSERT_EQ(log.taken().size(), 1u);
+    EXPECT_TRUE(log.taken()[0].starts_with("sleep and wake notifications unavailable: no system bus")) << log.taken()[0];
 }
 
 } // namespace sorva

@@ -66,24 +66,18 @@ private:
 
 // A new empty folder set as XDG_CONFIG_HOME for the test's lifetime.
 class ConfigHome {
+    ScratchFolder scratch { "sorva-config-" };
+    std::optional<std::string> previous;
+
 public:
+    const std::filesystem::path path = scratch.path();
     ConfigHome()
-        : path(scratch.path())
     {
         if (const char* old = std::getenv("XDG_CONFIG_HOME"))
             previous = old;
         setenv("XDG_CONFIG_HOME", path.c_str(), 1);
     }
     ~ConfigHome() { previous ? setenv("XDG_CONFIG_HOME", previous->c_str(), 1) : unsetenv("XDG_CONFIG_HOME"); }
-
-private:
-    ScratchFolder scratch { "sorva-config-" };
-
-public:
-    const std::filesystem::path path;
-
-private:
-    std::optional<std::string> previous;
 };
 
 inline void writeFile(const std::filesystem::path& path, const std::string& bytes)
@@ -131,11 +125,15 @@ private:
 // Makes a folder read-only (mode 0555), even for root (see
 // WithoutFileOverride); the mode is restored when the object goes away.
 class ReadOnlyFolder {
+    std::filesystem::path folder;
+    std::optional<WithoutFileOverride> capabilities;
+
 public:
-    explicit ReadOnlyFolder(std::filesystem::path folder)
-        : folder(std::move(folder))
-        , capabilities((std::filesystem::permissions(this->folder, std::filesystem::perms(0555)), std::make_unique<WithoutFileOverride>()))
+    explicit ReadOnlyFolder(std::filesystem::path path)
+        : folder(std::move(path))
     {
+        std::filesystem::permissions(folder, std::filesystem::perms(0555));
+        capabilities.emplace();
     }
     ~ReadOnlyFolder()
     {
@@ -145,18 +143,10 @@ public:
     // Whether writing into the folder really fails now.
     bool isEffective() const
     {
-        const std::string probe = (folder / ".probe").string();
+        std::filesystem::path probe = folder / ".probe";
         const int fd = open(probe.c_str(), O_CREAT | O_EXCL | O_WRONLY, 0600);
-        if (fd < 0)
-            return true;
-        close(fd);
-        unlink(probe.c_str());
-        return false;
+        return fd < 0 || (close(fd), unlink(probe.c_str()), false);
     }
-
-private:
-    std::filesystem::path folder;
-    std::unique_ptr<WithoutFileOverride> capabilities;
 };
 
 // Every line traced while it exists.
