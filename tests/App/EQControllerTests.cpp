@@ -207,9 +207,7 @@ TEST_F(ControllerTest, SwitchRestoreAndStopStartTheEngineAndTearItDown)
 
     // stopProcessor tears down at once, and the poll then does nothing.
     eq.stopProcessor();
-    EXPECT_FALSE(eq.hasSingleDeviceProcessor());
-    EXPECT_FALSE(eq.hasMonitor());
-    EXPECT_TRUE(hardware->nothingAlive());
+    EXPECT_EQ(state(), "on stored: starting") << "torn down, nothing left alive";
     takeLines();
     executor->advance(3s);
     EXPECT_EQ(countPrefix(takeLines(), "frames "), 0u);

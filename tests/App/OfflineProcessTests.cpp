@@ -256,41 +256,32 @@ TEST(OfflineProcess, ShowsProgressOnATerminalForLongFilesOnly)
     EXPECT_EQ(seen, "");
 }
 
-// A WAV that announces 20 s but arrives through a pipe that stalls after the
-// first second: the run is mid-file when it is interrupted.
+// A WAV that announces 20 s but arrives on standard input, a pipe that stalls
+// after the first second: the run is mid-file when it is interrupted.
 TEST(OfflineProcess, AnInterruptedRunLeavesNeitherOutputNorTemporaryFile)
 {
     ScratchFolder folder, capture;
     makeInput(folder / "source.wav", 20, 2, 44100, SF_FORMAT_WAV | SF_FORMAT_PCM_16);
     const std::string firstSecond = readFile(folder / "source.wav").substr(0, 44 + 44100 * 4);
     std::filesystem::remove(folder / "source.wav");
-    const std::string pipePath = (folder / "pipe.wav").string();
-    ASSERT_EQ(::mkfifo(pipePath.c_str(), 0600), 0);
-    const std::vector<std::string> before = folder.names();
-
+    int feed[2];
+    ASSERT_EQ(::pipe(feed), 0);
     const pid_t child = ::fork();
     if (child == 0) {
         const int error = ::open((capture / "err").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-        if (error >= 0 && ::dup2(error, STDERR_FILENO) >= 0)
-            ::execl(SORVA_BINARY, SORVA_BINARY, "process", pipePath.c_str(), (folder / "out.wav").c_str(),
+        if (error >= 0 && ::dup2(error, STDERR_FILENO) >= 0 && ::dup2(feed[0], STDIN_FILENO) >= 0 && ::close(feed[1]) == 0)
+            ::execl(SORVA_BINARY, SORVA_BINARY, "process", "/dev/stdin", (folder / "out.wav").c_str(),
                     static_cast<char*>(nullptr));
         ::_exit(98);
     }
-    // Non-blocking until the program has the pipe open, so that a program
-    // that never opens it fails the test instead of hanging it.
-    int writer = -1;
-    for (int attempt = 0; attempt < 2000 && writer < 0; ++attempt) {
-        writer = ::open(pipePath.c_str(), O_WRONLY | O_NONBLOCK);
-        if (writer < 0)
-            std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-    if (writer < 0) {
+    ::close(feed[0]);
+    // Blocks until the program reads; a program that exits instead breaks the pipe.
+    auto previous = std::signal(SIGPIPE, SIG_IGN);
+    const ssize_t written = ::write(feed[1], firstSecond.data(), firstSecond.size());
+    std::signal(SIGPIPE, previous);
+    if (written != static_cast<ssize_t>(firstSecond.size()))
         ::kill(child, SIGKILL);
-        ::waitpid(child, nullptr, 0);
-    }
-    ASSERT_GE(writer, 0);
-    ::fcntl(writer, F_SETFL, ::fcntl(writer, F_GETFL) & ~O_NONBLOCK);
-    ASSERT_EQ(::write(writer, firstSecond.data(), firstSecond.size()), static_cast<ssize_t>(firstSecond.size()));
+    ASSERT_EQ(written, static_cast<ssize_t>(firstSecond.size()));
 
     bool partialSeen = false;
     for (int attempt = 0; attempt < 2000 && !partialSeen; ++attempt) {
@@ -303,12 +294,12 @@ TEST(OfflineProcess, AnInterruptedRunLeavesNeitherOutputNorTemporaryFile)
     // The signal is pending before the pipe closes, so the program sees it at
     // the latest when its read returns at the end of the data.
     ::kill(child, SIGINT);
-    ::close(writer);
+    ::close(feed[1]);
     int status = 0;
     ::waitpid(child, &status, 0);
     ASSERT_TRUE(WIFEXITED(status));
     EXPECT_EQ(WEXITSTATUS(status), 130);
-    EXPECT_EQ(folder.names(), before);
+    EXPECT_EQ(folder.names(), std::vector<std::string> {});
     EXPECT_EQ(readFile(capture / "err"), "sorva: interrupted\n");
 }
 
