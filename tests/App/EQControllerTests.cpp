@@ -134,8 +134,16 @@ protected:
             for (int i = 0; i < 4; ++i)
                 hardware->runIOCycle(id, &inList, &outList);
         }
-        executor->advance(1s);
-        executor->runPending();
+        idle(1s);
+    }
+
+    // `count` steps of the virtual clock, each followed by the jobs it made due.
+    void idle(std::chrono::nanoseconds step, int count = 1)
+    {
+        for (int i = 0; i < count; ++i) {
+            executor->advance(step);
+            executor->runPending();
+        }
     }
 
     std::string state()
@@ -254,10 +262,7 @@ TEST_F(ControllerTest, NoSignalForNineTicksMeansPermissionDeniedWithoutForgettin
     for (int idleSeconds : { 0, 30 }) {
         auto& eq = make();
         switchOn();
-        for (int second = 0; second < idleSeconds; ++second) {
-            executor->advance(1s);
-            executor->runPending();
-        }
+        idle(1s, idleSeconds);
         for (int second = 1; second <= 8; ++second) {
             tick(false);
             EXPECT_EQ(eq.status(), Status::idle()) << "tick " << second << " after " << idleSeconds;
@@ -282,10 +287,7 @@ TEST_F(ControllerTest, SilentTapWhilePlayingRestartsAtTickTwoAndTheFourthRestart
     switchOn();
     // Ten seconds of an idle graph (no cycles, nothing playing) count as no
     // silence: the program that starts afterwards gets the full two ticks.
-    for (int second = 0; second < 10; ++second) {
-        executor->advance(1s);
-        executor->runPending();
-    }
+    idle(1s, 10);
     hardware->setProcessRunningOutput(player, true);
     auto restartOnce = [&] {
         auto old = aggregate();
@@ -482,26 +484,20 @@ TEST_F(ControllerTest, LostServiceReleasesTheEngineAndStartsAgainOnlyOnceAnOutpu
     switchOn();
     AudioObjectID speakers = kAudioObjectUnknown;
     ASSERT_EQ(hardware->defaultOutputDevice(speakers), kAudioHardwareNoError);
-    auto retryTicks = [&](int count) {
-        for (int i = 0; i < count; ++i) {
-            executor->advance(EQController::serviceRetryTick);
-            executor->runPending();
-        }
-    };
     hardware->setServiceAvailable(false);
     tick(false);
     ASSERT_TRUE(pumpUntil([&] { return !eq.hasSingleDeviceProcessor(); }));
     EXPECT_EQ(eq.status(), Status::failed(EQController::serviceAwayMessage));
     // The daemon is back before its session manager has named a default
     // output: starting now would fail and stay failed, so nothing starts.
-    retryTicks(12);
+    idle(EQController::serviceRetryTick, 12);
     hardware->setDefaultOutputDevice(kAudioObjectUnknown);
     hardware->setServiceAvailable(true);
     takeLines();
-    retryTicks(12);
+    idle(EQController::serviceRetryTick, 12);
     EXPECT_EQ(count(takeLines(), "audio service back — starting again"), 0u);
     hardware->setDefaultOutputDevice(speakers);
-    retryTicks(1);
+    idle(EQController::serviceRetryTick);
     ASSERT_TRUE(pumpUntil([&] { return eq.hasSingleDeviceProcessor(); }));
     auto log = takeLines();
     EXPECT_EQ(count(log, "audio service back — starting again"), 1u);
