@@ -2,7 +2,6 @@
 // writes that keep every other key and survive a writer killed mid-write.
 #include "Models/EQSettings.h"
 
-#include "Audio/EQLog.h"
 #include "TestFolders.h"
 
 #include <gtest/gtest.h>
@@ -12,9 +11,7 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cmath>
 #include <functional>
-#include <mutex>
 #include <random>
 
 using namespace sorva;
