@@ -4,6 +4,7 @@
 // comparisons for pixel probes, and processing events until something holds.
 #pragma once
 
+#include "App/QtTestSupport.h"
 #include "Audio/EQController.h"
 #include "Platform/ManualMainExecutor.h"
 #include "Platform/Simulated/SimulatedAudioHardware.h"
@@ -15,7 +16,6 @@
 
 #include <QApplication>
 #include <QColor>
-#include <QElapsedTimer>
 #include <QImage>
 #include <QWidget>
 
@@ -79,20 +79,6 @@ inline bool near(const QColor& actual, const QColor& expected, int tolerance = 8
     return std::abs(actual.red() - expected.red()) <= tolerance && std::abs(actual.green() - expected.green()) <= tolerance
         && std::abs(actual.blue() - expected.blue()) <= tolerance
         && std::abs(actual.alpha() - expected.alpha()) <= tolerance;
-}
-
-// Processes events until done() holds or the timeout passes; returns done().
-inline bool processEventsUntil(const std::function<bool()>& done, std::chrono::milliseconds timeout)
-{
-    viewsApp();
-    QElapsedTimer clock;
-    clock.start();
-    while (!done()) {
-        if (clock.elapsed() > timeout.count())
-            return false;
-        QCoreApplication::processEvents(QEventLoop::AllEvents, 5);
-    }
-    return true;
 }
 
 inline QColor withAlpha(QColor color, double alpha)
