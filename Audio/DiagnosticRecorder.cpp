@@ -192,21 +192,11 @@ void DiagnosticRecorder::push(const float* raw, const float* processed, int64_t 
     if (!raw || !processed || frames < 1)
         return;
     std::lock_guard guard(lock);
-    // Copy in runs up to the ring's end; equal to copying frame by frame
-    // into slot (writeIndex + i) mod capacityFrames, even for a block longer
-    // than the ring.
-    int64_t slot = writeIndex;
-    int64_t done = 0;
-    while (done < frames) {
-        const int64_t run = std::min(frames - done, capacityFrames - slot);
+    writeRuns(frames, [&](int64_t done, int64_t slot, int64_t run) {
         const auto bytes = static_cast<size_t>(run * channels) * sizeof(float);
         std::memcpy(rawRing.data() + slot * channels, raw + done * channels, bytes);
         std::memcpy(processedRing.data() + slot * channels, processed + done * channels, bytes);
-        done += run;
-        slot = (slot + run) % capacityFrames;
-    }
-    writeIndex = (writeIndex + frames) % capacityFrames;
-    totalFramesWritten += frames;
+    });
 }
 
 void DiagnosticRecorder::pushPlanar(const float* rawLeft, const float* rawRight, const float* processedLeft,
@@ -215,22 +205,15 @@ void DiagnosticRecorder::pushPlanar(const float* rawLeft, const float* rawRight,
     if (!rawLeft || !rawRight || !processedLeft || !processedRight || frames < 1 || channels != 2)
         return;
     std::lock_guard guard(lock);
-    int64_t slot = writeIndex;
-    int64_t done = 0;
-    while (done < frames) {
-        const int64_t run = std::min(frames - done, capacityFrames - slot);
+    writeRuns(frames, [&](int64_t done, int64_t slot, int64_t run) {
         interleaveIntoHistory(rawLeft + done, rawRight + done, rawRing.data() + slot * 2, run);
         interleaveIntoHistory(processedLeft + done, processedRight + done, processedRing.data() + slot * 2, run);
-        done += run;
-        slot = (slot + run) % capacityFrames;
-    }
+    });
 #if defined(__SSE2__)
     // Streaming stores are weakly ordered: they must be visible before the
     // lock is released to a capture.
     _mm_sfence();
 #endif
-    writeIndex = (writeIndex + frames) % capacityFrames;
-    totalFramesWritten += frames;
 }
 
 void DiagnosticRecorder::startContinuousCapture(fs::path directory, double chunkSeconds, int64_t retainChunks,

@@ -17,6 +17,7 @@
 #include "Platform/PriorityInheritanceMutex.h"
 #include "Platform/ResidentSamples.h"
 
+#include <algorithm>
 #include <chrono>
 #include <cstdint>
 #include <filesystem>
@@ -80,6 +81,24 @@ public:
     const double sampleRate;
 
 private:
+    // Hands copy(done, slot, run) the runs of a block of frames up to the
+    // ring's end, then advances the write position: equal to writing frame
+    // by frame into slot (writeIndex + i) mod capacityFrames, even for a
+    // block longer than the ring. Called with the lock held.
+    template <typename CopyRun>
+    void writeRuns(int64_t frames, CopyRun copy) noexcept
+    {
+        int64_t slot = writeIndex;
+        for (int64_t done = 0; done < frames;) {
+            const int64_t run = std::min(frames - done, capacityFrames - slot);
+            copy(done, slot, run);
+            done += run;
+            slot = (slot + run) % capacityFrames;
+        }
+        writeIndex = (writeIndex + frames) % capacityFrames;
+        totalFramesWritten += frames;
+    }
+
     void prune(const std::filesystem::path& directory, int64_t keepingNewest);
     // Writes the 44-byte header and the samples in one piece; returns the
     // failure, or an empty error code.
