@@ -61,21 +61,6 @@ SORVAApp::SORVAApp(EQController& controller, TestProbe* probe, QObject* parent)
     const bool trayAvailable = QSystemTrayIcon::isSystemTrayAvailable();
     if (probe)
         probe->trayAvailable(trayAvailable);
-    view = new EQPanelView(controller, trayAvailable);
-    window = std::make_unique<PanelWindow>(
-        view, trayAvailable ? PanelWindow::Kind::trayPanel : PanelWindow::Kind::normalWindow);
-    connect(view, &EQPanelView::closeRequested, window.get(), &QWidget::hide);
-    if (probe) {
-        const char* kind = trayAvailable ? "tray" : "window";
-        connect(window.get(), &PanelWindow::shown, this, [this, kind] {
-            // After the layout has placed every control.
-            QTimer::singleShot(0, this, [this, kind] {
-                if (window->isVisible())
-                    this->probe->panelShown(*window, kind);
-            });
-        });
-        connect(window.get(), &PanelWindow::hidden, probe, &TestProbe::panelHidden);
-    }
     if (!trayAvailable) {
         EQLog::trace("no system tray available — the panel opens as a window");
         return;
@@ -95,7 +80,7 @@ SORVAApp::SORVAApp(EQController& controller, TestProbe* probe, QObject* parent)
     tray->setContextMenu(menu.get());
     connect(tray, &QSystemTrayIcon::activated, this, [this](QSystemTrayIcon::ActivationReason reason) {
         if (reason == QSystemTrayIcon::Trigger || reason == QSystemTrayIcon::DoubleClick)
-            window->toggle(iconGeometry());
+            panel().toggle(iconGeometry());
     });
     connect(&controller, &EQController::isRunningChanged, this, &SORVAApp::updateIcon);
     updateIcon(controller.isRunning());
@@ -114,15 +99,47 @@ QString SORVAApp::iconResource(bool running)
 
 void SORVAApp::show()
 {
-    if (tray)
+    if (tray) {
         tray->show();
-    else
-        window->open(QRect());
+        return;
+    }
+    // The fallback window is built once the events already due have run,
+    // the start of processing among them: sound does not wait for the panel.
+    QCoreApplication::postEvent(this, new QEvent(openPanelEvent), Qt::LowEventPriority);
 }
 
 void SORVAApp::openPanel()
 {
-    window->open(iconGeometry());
+    panel().open(iconGeometry());
+}
+
+void SORVAApp::customEvent(QEvent* event)
+{
+    if (event->type() == openPanelEvent)
+        panel().open(QRect());
+}
+
+PanelWindow& SORVAApp::panel()
+{
+    if (window)
+        return *window;
+    // The panel's own faces are registered with its first build.
+    SORVATheme::registerFonts();
+    view = new EQPanelView(controller, tray != nullptr);
+    window = std::make_unique<PanelWindow>(view, tray ? PanelWindow::Kind::trayPanel : PanelWindow::Kind::normalWindow);
+    connect(view, &EQPanelView::closeRequested, window.get(), &QWidget::hide);
+    if (probe) {
+        const char* kind = tray ? "tray" : "window";
+        connect(window.get(), &PanelWindow::shown, this, [this, kind] {
+            // After the layout has placed every control.
+            QTimer::singleShot(0, this, [this, kind] {
+                if (window->isVisible())
+                    this->probe->panelShown(*window, kind);
+            });
+        });
+        connect(window.get(), &PanelWindow::hidden, probe, &TestProbe::panelHidden);
+    }
+    return *window;
 }
 
 void SORVAApp::updateIcon(bool running)
@@ -147,7 +164,6 @@ int runPanelApp(int argc, char** argv, const PanelAppOptions& options)
     QGuiApplication::setApplicationDisplayName(QStringLiteral("SORVA"));
     QGuiApplication::setDesktopFileName(QStringLiteral("sorva"));
     QApplication::setWindowIcon(renderedIcon(QStringLiteral(":/icons/sorva.svg")));
-    SORVATheme::registerFonts();
     // Closing the panel or the fallback window never ends the program:
     // processing goes on until Quit.
     QApplication::setQuitOnLastWindowClosed(false);
