@@ -99,24 +99,15 @@ QString SORVAApp::iconResource(bool running)
 
 void SORVAApp::show()
 {
-    if (tray) {
+    if (tray)
         tray->show();
-        return;
-    }
-    // The fallback window is built once the events already due have run,
-    // the start of processing among them: sound does not wait for the panel.
-    QCoreApplication::postEvent(this, new QEvent(openPanelEvent), Qt::LowEventPriority);
+    else
+        panel().open(QRect());
 }
 
 void SORVAApp::openPanel()
 {
     panel().open(iconGeometry());
-}
-
-void SORVAApp::customEvent(QEvent* event)
-{
-    if (event->type() == openPanelEvent)
-        panel().open(QRect());
 }
 
 PanelWindow& SORVAApp::panel()

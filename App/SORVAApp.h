@@ -1,10 +1,10 @@
 // The tray application: one tray icon that follows the controller's running
 // state ("waveform" / "waveform.slash"), toggles the panel when activated and
 // offers the panel, the power switch and Quit in its context menu. The panel
-// is built the first time it opens. Without any system tray it opens as a
-// small normal window as soon as the start of processing has been handed on.
-// A later launch of the program opens the running one's panel
-// (SingleInstance).
+// is built the first time it opens, so a launch into the tray spends nothing
+// on it before processing starts. Without any system tray the panel opens at
+// once as a small normal window. A later launch of the program opens the
+// running one's panel (SingleInstance).
 //
 // runPanelApp() is the program under a display: it builds the QApplication,
 // the one controller (EQController::shared()), this object and the delegate,
@@ -14,7 +14,6 @@
 // Threads: the main thread only.
 #pragma once
 
-#include <QEvent>
 #include <QObject>
 #include <QRect>
 
@@ -51,16 +50,11 @@ public:
     // The tray icon's resource for a running state.
     static QString iconResource(bool running);
 
-protected:
-    void customEvent(QEvent* event) override;
-
 private:
     // The panel, built the first time it is opened.
     PanelWindow& panel();
     void updateIcon(bool running);
     QRect iconGeometry() const;
-
-    static constexpr QEvent::Type openPanelEvent = QEvent::Type(QEvent::User + 1);
 
     EQController& controller;
     TestProbe* probe;
