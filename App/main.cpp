@@ -5,16 +5,18 @@
 #include "App/CommandLine.h"
 #include "App/HeadlessApp.h"
 #include "App/OfflineProcessor.h"
+#include "App/PanelModule.h"
 #include "App/ProgressBar.h"
-#include "App/SORVAApp.h"
 #include "Models/EQConfig.h"
 #include "Models/EQSettings.h"
+#include "Platform/LoadableModule.h"
 
 #include <atomic>
 #include <csignal>
 #include <cstdint>
 #include <cstdio>
 #include <exception>
+#include <filesystem>
 #include <memory>
 #include <string>
 #include <unistd.h>
@@ -89,6 +91,31 @@ int runProcess(const CommandLine& line, const EQConfig& base)
     }
 }
 
+// The tray application, from its module: beside the program in a build
+// folder, in <prefix>/<libdir>/sorva once installed.
+int runPanel(int argc, char** argv, bool simulate)
+{
+    const std::filesystem::path folder = sorva::LoadableModule::executableDirectory();
+    const std::filesystem::path candidates[] = { folder / "sorva-panel.so", folder / SORVA_PANEL_MODULE };
+    std::string error;
+    for (const std::filesystem::path& path : candidates) {
+        std::error_code ec;
+        if (!std::filesystem::exists(path, ec))
+            continue;
+        auto module = sorva::LoadableModule::open(path, error);
+        auto entry = module ? reinterpret_cast<sorva::PanelEntry>(module->symbol(sorva::panelEntryName, error)) : nullptr;
+        if (!entry)
+            break;
+        return entry(argc, argv, simulate);
+    }
+    if (error.empty())
+        error = "not found (looked for " + candidates[0].string() + " and " + candidates[1].lexically_normal().string()
+            + ")";
+    std::fprintf(stderr, "sorva: cannot load the tray application: %s\nsorva: `sorva --headless` equalizes without it\n",
+                 error.c_str());
+    return exitFailure;
+}
+
 } // namespace
 
 int main(int argc, char** argv)
@@ -117,11 +144,8 @@ int main(int argc, char** argv)
     }
     // The tray application under a display; the same controller without any
     // window otherwise, or when asked for.
-    if (!line.headless && sorva::displayAvailable()) {
-        sorva::PanelAppOptions options;
-        options.simulate = line.simulate;
-        return sorva::runPanelApp(argc, argv, options);
-    }
+    if (!line.headless && sorva::displayAvailable())
+        return runPanel(argc, argv, line.simulate);
     sorva::HeadlessOptions options;
     options.simulate = line.simulate;
     return sorva::runHeadless(argc, argv, options);
