@@ -3,13 +3,10 @@
 #include "Audio/BufferedEQProcessor.h"
 #include "EngineTestSupport.h"
 #include "Models/EQConfig.h"
-#include "Platform/ManualMainExecutor.h"
-#include "Platform/Simulated/SimulatedAudioHardware.h"
 #include "Platform/Simulated/SimulatedOutputEngine.h"
 
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <cmath>
 #include <numeric>
 
@@ -18,16 +15,15 @@ using Call = SimulatedAudioHardware::Call;
 
 namespace {
 
-// One speaker, an executor and clock the test moves, a wait that only counts, and the log.
-struct Rig {
+// The engine over the simulated system and output, started with flat bands by start().
+struct Rig : SimulatedSystem {
     explicit Rig(double latency = 125.0)
     {
         auto engine = std::make_unique<SimulatedOutputEngine>();
         output = engine.get();
-        processor = std::make_unique<BufferedEQProcessor>(
-            5, latency, hardware, std::move(engine), executor,
-            [this](std::chrono::nanoseconds d) { waits.push_back(d); }, [this] { return now.load(); });
-        processor->onConfigurationChange = [this] { ++callbacks; };
+        processor = std::make_unique<BufferedEQProcessor>(5, latency, hardware, std::move(engine), executor,
+                                                          recordingWait(), testClock());
+        processor->onConfigurationChange = [this] { ++configurationChanges; };
     }
     void start(const std::vector<EQBand>& bands = EQConfig::defaultConfig().bands) { processor->start(bands, 0.0); }
     // One capture cycle of interleaved stereo into the aggregate.
@@ -37,20 +33,8 @@ struct Rig {
         AudioBufferList none { 0, nullptr };
         hardware.runIOCycle(processor->currentAggregateID(), &input.list, &none);
     }
-    void settle()
-    {
-        hardware.drainListenerQueues();
-        executor.runPending();
-    }
 
-    LogLines log;
-    SimulatedAudioHardware hardware;
-    ManualMainExecutor executor;
-    AudioObjectID speakers = hardware.addOutputDevice("Speakers", "speakers-uid", 48000.0);
     SimulatedOutputEngine* output = nullptr;
-    std::atomic<uint64_t> now { 1'000'000'000 };
-    std::vector<std::chrono::nanoseconds> waits;
-    int callbacks = 0;
     std::unique_ptr<BufferedEQProcessor> processor;
 };
 
@@ -261,14 +245,14 @@ TEST(BufferedEQProcessor, RefreshReappliesTheStoredDescriptionOnlyWhileRunning)
 TEST(BufferedEQProcessor, ListenersRebuildOnDeviceAndRateChangesAndEngineChangesOnlyAfterSettling)
 {
     Rig rig;
-    const AudioObjectID headphones = rig.hardware.addOutputDevice("Headphones", "headphones-uid", 48000.0);
+    const AudioObjectID headphones = rig.headphones;
     rig.start();
     const auto change = [&](AudioObjectID device, bool engine) {
         rig.hardware.setDefaultOutputDevice(device);
         if (engine)
             rig.output->changeConfiguration();
         rig.settle();
-        return rig.callbacks;
+        return rig.configurationChanges;
     };
     // An engine notification 2 s after start is dropped, even with a new device.
     rig.now += 2'000'000'000;
@@ -279,18 +263,18 @@ TEST(BufferedEQProcessor, ListenersRebuildOnDeviceAndRateChangesAndEngineChanges
     rig.hardware.setDefaultOutputDevice(rig.speakers);
     rig.hardware.resumeListenerDelivery();
     rig.settle();
-    EXPECT_EQ(rig.callbacks, 0);
+    EXPECT_EQ(rig.configurationChanges, 0);
     // The shared listeners' rate rules are pinned by the single-device engine's test.
     rig.hardware.setNominalSampleRate(rig.speakers, 44100.0);
     rig.settle();
-    EXPECT_EQ(rig.callbacks, 1);
+    EXPECT_EQ(rig.configurationChanges, 1);
     EXPECT_EQ(change(headphones, false), 2) << "a device change 2 s after start rebuilds at once";
     EXPECT_EQ(rig.log.count("default output device changed — rebuilding"), 1);
     // After the settle time an engine notification rebuilds with a new device only.
     rig.now += 2'000'000'000;
     rig.output->changeConfiguration();
     rig.settle();
-    EXPECT_EQ(rig.callbacks, 3);
+    EXPECT_EQ(rig.configurationChanges, 3);
     EXPECT_EQ(rig.log.count("engine configuration changed — rebuilding"), 1);
     EXPECT_EQ(change(rig.speakers, true), 3);
     EXPECT_EQ(change(0, true), 3);

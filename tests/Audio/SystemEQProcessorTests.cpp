@@ -1,23 +1,14 @@
 // The single-device engine on the simulated audio system: what start builds,
-// every failed set-up step, stop, the fades, the environment switches, the
-// listeners and the recorder's capture.
+// every failed set-up step, stop, the fades, the environment switches and the
+// listeners. Its render path is driven block by block in RenderPathTests.
 #include "Audio/SystemEQProcessor.h"
 #include "EngineTestSupport.h"
 #include "Models/EQConfig.h"
-#include "Platform/ManualMainExecutor.h"
-#include "Platform/Simulated/SimulatedAudioHardware.h"
 #include "Platform/Simulated/SimulatedRealtimeDriver.h"
 
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <cstdlib>
-#include <cstring>
-#include <fstream>
-#include <iterator>
-#include <limits>
-#include <random>
-#include <sstream>
 #include <thread>
 #include <unistd.h>
 
@@ -34,7 +25,7 @@ struct ScopedEnvironment {
     const char* name;
 };
 
-struct Engine : ::testing::Test {
+struct Engine : ::testing::Test, SimulatedSystem {
     Engine()
     {
         std::filesystem::create_directories(folder);
@@ -51,12 +42,7 @@ struct Engine : ::testing::Test {
     // A new engine (replacing the last one), started on the default device.
     SystemEQProcessor& started(const std::vector<EQBand>& bands = EQConfig::defaultConfig().bands, double gain = 0.0)
     {
-        auto wait = [this](std::chrono::nanoseconds duration) {
-            waits.push_back(duration);
-            if (duringWait)
-                duringWait();
-        };
-        engine = std::make_unique<SystemEQProcessor>(5, hardware, executor, wait, [this] { return now.load(); });
+        engine = std::make_unique<SystemEQProcessor>(5, hardware, executor, recordingWait(), testClock());
         engine->onConfigurationChange = [this] {
             callbackOnMainThread = executor.isMainThread();
             ++configurationChanges;
@@ -98,23 +84,8 @@ struct Engine : ::testing::Test {
         return -1;
     }
 
-    void settle()
-    {
-        hardware.drainListenerQueues();
-        executor.runPending();
-    }
-
     std::filesystem::path folder = std::filesystem::path(::testing::TempDir())
         / ("sorva-engine-" + std::to_string(::getpid()));
-    LogLines log;
-    SimulatedAudioHardware hardware;
-    ManualMainExecutor executor;
-    AudioObjectID speakers = hardware.addOutputDevice("Speakers", "speakers-uid", 48000.0);
-    AudioObjectID headphones = hardware.addOutputDevice("Headphones", "headphones-uid", 44100.0);
-    std::atomic<uint64_t> now { 100'000'000'000ull };
-    std::vector<std::chrono::nanoseconds> waits;
-    std::function<void()> duringWait;
-    int configurationChanges = 0;
     bool callbackOnMainThread = false;
     std::unique_ptr<SystemEQProcessor> engine;
 };
@@ -342,101 +313,4 @@ TEST_F(Engine, RunsAgainstAnIOThreadWhileTheMainThreadUpdatesAndPolls)
     driver.stop();
     EXPECT_GT(frames + eq.stats.snapshot().frames, 5 * 48);
     EXPECT_TRUE(hardware.nothingAlive());
-}
-
-namespace {
-
-// The blocks one render path touches, with a context over them.
-struct RenderPath {
-    explicit RenderPath(ManualMainExecutor& executor)
-        : recorder(0.25, 2, 48000.0, executor)
-    {
-        eq.update({ EQBand("Bass", 30, 9), EQBand("Low-Mid", 125, -4), EQBand("Mid", 500, 2),
-                    EQBand("High-Mid", 2000, 0), EQBand("Treble", 8000, -6) },
-                  1.5, 48000.0);
-        fade.start(7200, 1.0f);
-    }
-    StreamStats stats;
-    SilenceGate gate;
-    BiquadEQ eq { 5, 2 };
-    DiagnosticRecorder recorder;
-    RenderTiming timing;
-    FadeRamp fade;
-    SpectrumAnalyzer spectrum;
-    std::vector<float> scratch = std::vector<float>(SystemEQProcessor::diagnosticScratchCapacity);
-    SystemEQProcessor::IOCycleContext context { {},    stats,    static_cast<int64_t>(scratch.size()),
-                                                scratch.data(), gate, 48000.0, eq, recorder, timing, fade, spectrum };
-};
-
-std::vector<char> fileBytes(const std::filesystem::path& file)
-{
-    std::ifstream in(file, std::ios::binary);
-    return { std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>() };
-}
-
-} // namespace
-
-// PipeWire hands the render path planar stereo; every block it feeds must
-// see exactly what the interleaved layout gives them: the output, the
-// statistics, the spectrum and both diagnostic rings, through the fade-in,
-// a NaN, a block longer than the spectrum's ring, the silence gate closing
-// after a second and opening again.
-TEST_F(Engine, PlanarCyclesMatchInterleavedCyclesInEveryBlock)
-{
-    RenderPath interleaved(executor), planar(executor);
-    std::mt19937 random(11);
-    std::uniform_real_distribution<float> sample(-0.8f, 0.8f);
-    struct Run {
-        int blocks;
-        int64_t frames;
-        bool sound;
-    };
-    const Run runs[] = { { 20, 256, true }, { 1, 3000, true }, { 200, 256, false }, { 4, 128, true } };
-    int blockNumber = 0;
-    for (const Run& run : runs) {
-        for (int b = 0; b < run.blocks; ++b, ++blockNumber) {
-            std::vector<float> frames(static_cast<size_t>(2 * run.frames), 0.0f);
-            if (run.sound)
-                for (float& value : frames)
-                    value = sample(random);
-            if (blockNumber == 5)
-                frames[7] = std::numeric_limits<float>::quiet_NaN();
-
-            std::vector<float> out(frames.size());
-            OneBuffer in1(frames, 2), out1(out, 2);
-            SystemEQProcessor::processIOCycle(interleaved.context, &in1.list, &out1.list);
-
-            std::vector<float> left(static_cast<size_t>(run.frames)), right(left.size());
-            for (int64_t i = 0; i < run.frames; ++i) {
-                left[static_cast<size_t>(i)] = frames[static_cast<size_t>(2 * i)];
-                right[static_cast<size_t>(i)] = frames[static_cast<size_t>(2 * i + 1)];
-            }
-            std::vector<float> outLeft(left.size()), outRight(left.size());
-            const auto bytes = static_cast<uint32_t>(left.size() * sizeof(float));
-            AudioBuffer inBuffers[2] = { { 1, bytes, left.data() }, { 1, bytes, right.data() } };
-            AudioBuffer outBuffers[2] = { { 1, bytes, outLeft.data() }, { 1, bytes, outRight.data() } };
-            AudioBufferList inList { 2, inBuffers }, outList { 2, outBuffers };
-            SystemEQProcessor::processIOCycle(planar.context, &inList, &outList);
-
-            std::vector<float> joined(out.size());
-            for (size_t i = 0; i < left.size(); ++i) {
-                joined[2 * i] = outLeft[i];
-                joined[2 * i + 1] = outRight[i];
-            }
-            ASSERT_EQ(std::memcmp(joined.data(), out.data(), out.size() * sizeof(float)), 0) << "block " << blockNumber;
-        }
-        const StreamStats::Snapshot a = interleaved.stats.snapshot(), b = planar.stats.snapshot();
-        EXPECT_EQ(a.frames, b.frames);
-        EXPECT_EQ(a.peak, b.peak);
-        EXPECT_EQ(interleaved.gate.isGated(), planar.gate.isGated());
-        EXPECT_EQ(interleaved.spectrum.levels(), planar.spectrum.levels());
-    }
-    EXPECT_FALSE(planar.gate.isGated()) << "sound opens the gate again";
-
-    const auto a = interleaved.recorder.markEvent("a", folder / "interleaved", "");
-    const auto b = planar.recorder.markEvent("a", folder / "planar", "");
-    ASSERT_TRUE(a && b);
-    EXPECT_EQ(fileBytes(a->raw), fileBytes(b->raw));
-    EXPECT_EQ(fileBytes(a->processed), fileBytes(b->processed));
-    EXPECT_EQ(fileBytes(a->processed).size(), 44u + 12000u * 8u);
 }
