@@ -101,7 +101,6 @@ TEST(BufferedEQProcessor, LatencySetsThePrimeAt48kHzWhateverTheTapRate)
     unreadable.hardware.setTapSampleRate(44100.0);
     unreadable.hardware.injectStatus(Call::tapFormat, kAudioHardwareUnspecifiedError);
     unreadable.start();
-    EXPECT_EQ(unreadable.processor->sampleRate, 48000.0);
     EXPECT_EQ(unreadable.output->connectedFormat(), OutputFormat::planarFloat(48000.0, 2));
 }
 
@@ -199,26 +198,27 @@ TEST(BufferedEQProcessor, RenderAndCaptureCallsWithOddBufferListsTouchOnlyWhatTh
     Rig rig;
     BufferedEQProcessor& p = *rig.processor;
     BufferedEQProcessor::RenderContext context { p.ring, p.eq, p.fade, p.spectrum, p.timing };
-    std::vector<float> primeBlock(2 * 7000, 0.25f), interleaved(512, -3.0f), l(256, -3.0f);
+    std::vector<float> primeBlock(2 * 7000, 0.25f), l(256, -3.0f);
     p.ring.write(primeBlock.data(), static_cast<int64_t>(primeBlock.size()));
-    // One interleaved buffer, a null channel, no list: untouched, nothing read or timed; zero frames: timed only.
-    OneBuffer one(interleaved, 2);
-    AudioBuffer withNull[2] = { { 1, 1024, l.data() }, { 1, 1024, nullptr } }, empty[2] = { { 1, 0, l.data() }, { 1, 0, l.data() } };
-    AudioBufferList nullList { 2, withNull }, emptyList { 2, empty }, none { 0, nullptr };
+    // One interleaved buffer, a null channel, no list: untouched, nothing read or timed.
+    OneBuffer one(l, 2);
+    AudioBuffer withNull[2] = { { 1, 1024, l.data() }, { 1, 1024, nullptr } };
+    AudioBufferList nullList { 2, withNull }, emptyList { 0, nullptr };
     for (AudioBufferList* list : { &one.list, &nullList, (AudioBufferList*)nullptr })
         EXPECT_EQ(BufferedEQProcessor::renderCycle(context, 256, list), 0);
     EXPECT_EQ(p.timing.snapshot().callbacks, 0);
-    EXPECT_EQ(BufferedEQProcessor::renderCycle(context, 0, &emptyList), 0);
-    EXPECT_EQ(interleaved, std::vector<float>(512, -3.0f));
+    withNull[1].mData = l.data(); // two channels, but zero frames: timed only
+    EXPECT_EQ(BufferedEQProcessor::renderCycle(context, 0, &nullList), 0);
     EXPECT_EQ(l, std::vector<float>(256, -3.0f));
     EXPECT_EQ(p.timing.snapshot().callbacks, 1);
     // The capture side ignores inputs without a buffer or data.
     AudioBuffer noData { 2, 1024, nullptr };
     AudioBufferList noDataList { 1, &noData };
-    for (AudioBufferList* list : { &none, &noDataList, (AudioBufferList*)nullptr })
+    for (AudioBufferList* list : { &emptyList, &noDataList, (AudioBufferList*)nullptr })
         BufferedEQProcessor::captureCycle(p.ring, list);
-    EXPECT_EQ(p.ring.snapshot().framesWritten, 7000);
-    EXPECT_EQ(p.ring.snapshot().framesRead, 0);
+    const auto ring = p.ring.snapshot();
+    EXPECT_EQ(ring.framesWritten, 7000);
+    EXPECT_EQ(ring.framesRead, 0);
 }
 
 TEST(BufferedEQProcessor, RefreshReappliesTheStoredDescriptionOnlyWhileRunning)
@@ -227,25 +227,19 @@ TEST(BufferedEQProcessor, RefreshReappliesTheStoredDescriptionOnlyWhileRunning)
     EXPECT_FALSE(rig.processor->refreshTap());
     rig.start();
     EXPECT_TRUE(rig.processor->refreshTap());
-    EXPECT_EQ(rig.hardware.callCount(Call::setTapDescription), 1);
     EXPECT_EQ(rig.hardware.tapDescriptionOf(rig.processor->currentTapID()), rig.processor->currentTapDescription());
-
     rig.hardware.injectStatus(Call::setTapDescription, 560947818, 1);
     EXPECT_FALSE(rig.processor->refreshTap());
-    EXPECT_EQ(rig.log.count("tap refresh failed (OSStatus 560947818)"), 1);
-    EXPECT_EQ(rig.hardware.liveTaps(), 1u);
-
     rig.processor->stop();
-    const size_t lines = rig.log.all().size();
     EXPECT_FALSE(rig.processor->refreshTap());
-    EXPECT_EQ(rig.log.all().size(), lines);
     EXPECT_EQ(rig.hardware.callCount(Call::setTapDescription), 2);
+    EXPECT_EQ(rig.log.count("tap refresh failed", true), 1);
+    EXPECT_EQ(rig.log.count("tap refresh failed (OSStatus 560947818)"), 1);
 }
 
 TEST(BufferedEQProcessor, ListenersRebuildOnDeviceAndRateChangesAndEngineChangesOnlyAfterSettling)
 {
     Rig rig;
-    const AudioObjectID headphones = rig.headphones;
     rig.start();
     const auto change = [&](AudioObjectID device, bool engine) {
         rig.hardware.setDefaultOutputDevice(device);
@@ -257,7 +251,7 @@ TEST(BufferedEQProcessor, ListenersRebuildOnDeviceAndRateChangesAndEngineChanges
     // An engine notification 2 s after start is dropped, even with a new device.
     rig.now += 2'000'000'000;
     rig.hardware.pauseListenerDelivery();
-    rig.hardware.setDefaultOutputDevice(headphones);
+    rig.hardware.setDefaultOutputDevice(rig.headphones);
     rig.output->changeConfiguration();
     rig.executor.runPending();
     rig.hardware.setDefaultOutputDevice(rig.speakers);
@@ -268,7 +262,7 @@ TEST(BufferedEQProcessor, ListenersRebuildOnDeviceAndRateChangesAndEngineChanges
     rig.hardware.setNominalSampleRate(rig.speakers, 44100.0);
     rig.settle();
     EXPECT_EQ(rig.configurationChanges, 1);
-    EXPECT_EQ(change(headphones, false), 2) << "a device change 2 s after start rebuilds at once";
+    EXPECT_EQ(change(rig.headphones, false), 2) << "a device change 2 s after start rebuilds at once";
     EXPECT_EQ(rig.log.count("default output device changed — rebuilding"), 1);
     // After the settle time an engine notification rebuilds with a new device only.
     rig.now += 2'000'000'000;
@@ -279,5 +273,5 @@ TEST(BufferedEQProcessor, ListenersRebuildOnDeviceAndRateChangesAndEngineChanges
     EXPECT_EQ(change(rig.speakers, true), 3);
     EXPECT_EQ(change(0, true), 3);
     rig.processor->stop(); // every handler is gone
-    EXPECT_EQ(change(headphones, true), 3);
+    EXPECT_EQ(change(rig.headphones, true), 3);
 }
