@@ -1,14 +1,17 @@
 // The single-device engine on the simulated audio system: what start builds,
 // every failed set-up step, stop, the fades, the environment switches and the
 // listeners. Its render path is driven block by block in RenderPathTests.
+#include "Audio/BufferedEQProcessor.h"
 #include "Audio/SystemEQProcessor.h"
 #include "EngineTestSupport.h"
 #include "Models/EQConfig.h"
+#include "Platform/Simulated/SimulatedOutputEngine.h"
 #include "Platform/Simulated/SimulatedRealtimeDriver.h"
 
 #include <gtest/gtest.h>
 
 #include <cstdlib>
+#include <string_view>
 #include <thread>
 #include <unistd.h>
 
@@ -123,52 +126,78 @@ TEST_F(Engine, StartBuildsTheTapAndAggregateOnTheDefaultDeviceAndStopRemovesThem
     EXPECT_EQ(waits.size(), 1u) << "no second fade or wait";
 }
 
-TEST_F(Engine, EveryFailedSetUpStepReportsItsErrorAndLeavesNothingBehind)
+// Both engines build their tap chain with the same steps; a refused step is reported and undoes what was built.
+TEST_F(Engine, BothEnginesReportEveryFailedSetUpStepAndLeaveNothingBehind)
 {
     const auto failed = [](const char* call, OSStatus status) {
         return std::string(call) + " failed (OSStatus " + std::to_string(status) + ")";
     };
     const std::string noDevice = failed("No default output device", -1);
     const std::string denied = "System audio recording permission not granted";
+    const std::optional<std::string> starts; // not a step of this engine
     struct Row {
         const char* what;
-        std::function<void()> inject;
-        std::string description;
-        bool permission = false;
-        bool fadedOut = false; // stop found a registered IO procedure
+        std::function<void()> arrange;
+        std::optional<std::string> single, buffered = single;
     };
     const auto inject = [&](Call call, OSStatus status) { return [=, this] { hardware.injectStatus(call, status); }; };
-    const std::vector<Row> rows {
+    const Row rows[] {
         { "default unreadable", inject(Call::defaultOutputDevice, -10851), noDevice },
         { "no default device", [&] { hardware.setDefaultOutputDevice(0); }, noDevice },
-        { "UID unreadable", inject(Call::deviceUID, kAudioHardwareBadObjectError), noDevice },
+        { "UID unreadable", inject(Call::deviceUID, kAudioHardwareBadObjectError), noDevice, starts },
         { "own process unknown", inject(Call::translatePIDToProcessObject, -66),
           failed("TranslatePIDToProcessObject", -66) },
-        { "permission (nope)", inject(Call::createProcessTap, kAudioHardwarePermissionDenied), denied, true },
-        { "permission (1)", inject(Call::createProcessTap, 1), denied, true },
+        // The buffered engine reports a refused permission as the status it got.
+        { "permission (nope)", inject(Call::createProcessTap, kAudioHardwarePermissionDenied), denied,
+          failed("AudioHardwareCreateProcessTap", kAudioHardwarePermissionDenied) },
+        { "permission (1)", inject(Call::createProcessTap, 1), denied, failed("AudioHardwareCreateProcessTap", 1) },
         { "tap refused", inject(Call::createProcessTap, -50), failed("AudioHardwareCreateProcessTap", -50) },
+        { "tap without a rate", [&] { hardware.setTapSampleRate(0.0); }, starts, failed("Tap sample rate", -50) },
         { "aggregate refused", inject(Call::createAggregateDevice, -50),
           failed("AudioHardwareCreateAggregateDevice", -50) },
         { "IO procedure refused", inject(Call::createIOProcID, kAudioHardwareBadDeviceError),
           failed("AudioDeviceCreateIOProcIDWithBlock", kAudioHardwareBadDeviceError) },
         { "IO procedure without ID", [&] { hardware.setCreateIOProcLeavesIDEmpty(true); },
           failed("AudioDeviceCreateIOProcIDWithBlock", 0) },
+        // Stop finds a registered IO procedure: it plays the fade-out first.
         { "device start refused", inject(Call::startDevice, kAudioHardwareNotRunningError),
-          failed("AudioDeviceStart", kAudioHardwareNotRunningError), false, true },
+          failed("AudioDeviceStart", kAudioHardwareNotRunningError) },
     };
-    for (const Row& row : rows) {
-        SCOPED_TRACE(row.what);
+    const auto expectFailure = [&](auto& engine, const Row& row, const std::string& description) {
         hardware.clearInjectedStatuses();
         hardware.setCreateIOProcLeavesIDEmpty(false);
         hardware.setDefaultOutputDevice(speakers);
+        hardware.setTapSampleRate(48000.0);
         waits.clear();
-        row.inject();
-        startFails(row.description, row.permission);
-        EXPECT_EQ(executor.activeTimers(), 0u) << "the recorder never started capturing";
-        EXPECT_EQ(waits.size(), row.fadedOut ? 1u : 0u);
-        EXPECT_EQ(engine->currentTapID() + engine->currentAggregateID() + engine->currentIOProcID(), 0u);
+        row.arrange();
+        try {
+            engine.start(EQConfig::defaultConfig().bands, 0.0);
+            ADD_FAILURE() << "start succeeded";
+        } catch (const AudioTapError& error) {
+            EXPECT_EQ(error.errorDescription(), description);
+            EXPECT_EQ(error.isPermissionDenied(), description == denied);
+        }
+        EXPECT_TRUE(hardware.nothingAlive());
+        EXPECT_EQ(engine.currentTapID() + engine.currentAggregateID() + engine.currentIOProcID(), 0u);
+        EXPECT_EQ(waits.size(), std::string_view(row.what) == "device start refused" ? 1u : 0u);
+    };
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.what);
+        if (row.single) {
+            SystemEQProcessor single(5, hardware, executor, recordingWait(), testClock());
+            expectFailure(single, row, *row.single);
+            EXPECT_EQ(executor.activeTimers(), 0u) << "the recorder never started capturing";
+        }
+        if (row.buffered) {
+            auto engine = std::make_unique<SimulatedOutputEngine>();
+            const SimulatedOutputEngine& output = *engine;
+            BufferedEQProcessor buffered(5, 125.0, hardware, std::move(engine), executor, recordingWait(), testClock());
+            expectFailure(buffered, row, *row.buffered);
+            EXPECT_FALSE(output.isRunning() || output.observerCount());
+        }
     }
-    EXPECT_EQ(log.count("single-device processor started", true), 0);
+    for (const std::string& line : log.all())
+        EXPECT_EQ(line.find("processor started"), std::string::npos) << line;
 }
 
 TEST_F(Engine, TestModeTapsOnlyTheNamedApplicationWhenItRuns)
