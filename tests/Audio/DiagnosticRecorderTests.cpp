@@ -156,9 +156,8 @@ TEST_F(DiagnosticRecorderTest, MonoAtAFractionalRateBadArgumentsAndFailedWrites)
     EXPECT_EQ(wavSamples(bytes).front(), patternValue(30000 - 22050, 1, 0));
     EXPECT_EQ(readText(files->context), "Event: mono\nTime: 2026-03-14 09:26:54 +0000\nCaptured: 1.0 s (22050 frames)\nx");
 
-    EXPECT_THROW(DiagnosticRecorder(0, 2, 48000, mainExecutor), std::invalid_argument);
-    EXPECT_THROW(DiagnosticRecorder(std::nan(""), 2, 48000, mainExecutor), std::invalid_argument);
-    EXPECT_THROW(DiagnosticRecorder(1, 0, 48000, mainExecutor), std::invalid_argument);
+    for (const auto& [seconds, channels] : { std::pair { 0.0, 2 }, { std::nan(""), 2 }, { 1.0, 0 } })
+        EXPECT_THROW(DiagnosticRecorder(seconds, channels, 48000, mainExecutor), std::invalid_argument);
 
     std::ofstream(root / "not-a-folder") << "x";
     log.clear();
@@ -168,20 +167,19 @@ TEST_F(DiagnosticRecorderTest, MonoAtAFractionalRateBadArgumentsAndFailedWrites)
 
 TEST_F(DiagnosticRecorderTest, TimerCapturesEveryIntervalAndKeepsTheNewestCaptures)
 {
-    // Twenty earlier captures, oldest first, and files that are not captures.
+    // Twenty earlier captures, oldest first, and files that are not captures (the orphan: a capture that failed
+    // before its context file), older still.
     fs::create_directories(folder);
-    const auto now = fs::file_time_type::clock::now();
-    const auto makeFile = [&](const std::string& name, fs::file_time_type modified) {
-        std::ofstream(folder / name) << name;
-        fs::last_write_time(folder / name, modified);
-    };
     const auto earlier = [](int i) { return "2026-01-01T00-00-" + std::to_string(10 + i) + "Z-chunk"; };
     const char* suffixes[] = { "-raw.wav", "-processed.wav", "-context.txt" };
+    std::vector<std::string> names { "notes.txt", "orphan-raw.wav" };
     for (int i = 0; i < 20; ++i)
         for (const char* suffix : suffixes)
-            makeFile(earlier(i) + suffix, now - 1000s + seconds(i));
-    makeFile("notes.txt", now - 5000s);
-    makeFile("orphan-raw.wav", now - 5000s); // a capture that failed before its context file
+            names.push_back(earlier(i) + suffix);
+    for (size_t i = 0; i < names.size(); ++i) {
+        std::ofstream(folder / names[i]) << names[i];
+        fs::last_write_time(folder / names[i], fs::file_time_type::clock::now() - 1000s + seconds(i));
+    }
 
     system_clock::time_point stamp = exampleTime;
     auto recorder = std::make_unique<DiagnosticRecorder>(12, 2, 48000, mainExecutor, [&stamp] { return stamp += 60s; });

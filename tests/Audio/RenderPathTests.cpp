@@ -174,18 +174,24 @@ TEST_F(RenderPath, GateClosesOnTheBlockThatReachesOneSecondOfZerosFreezingFadeAn
 {
     startFades(100000); // still ramping throughout
     SpectrumAnalyzer referenceSpectrum;
-    int blocks = 0; // alternately interleaved and planar
-    auto feed = [&](std::vector<float> in) {
-        auto out = processed(in, 2, 2, ++blocks % 2);
+    auto feed = [&](std::vector<float> in, bool planar) {
+        auto out = processed(in, 2, 2, planar);
         referenceSpectrum.push(out.data(), int64_t(out.size() / 2), 2);
         return out;
     };
-    for (int block = 0; block < 10; ++block) // sound first: the filters carry state into the silence
-        feed(noise(480 * 2, 0.8f));
     const std::vector<float> zeros(480 * 2, 0.0f);
+    auto nan = zeros;
+    nan[5] = std::numeric_limits<float>::quiet_NaN();
+    for (bool planar : { true, false }) { // a NaN is no silence: it restarts the count
+        for (int block = 0; block < 60; ++block)
+            feed(zeros, block % 2);
+        feed(nan, planar);
+    }
+    for (int block = 0; block < 10; ++block) // sound: the filters carry state into the silence
+        feed(noise(480 * 2, 0.8f), block % 2);
     bool tailHeard = false;
     for (int block = 0; block < 99; ++block) // 47520 frames: still processed, the tails ring out
-        tailHeard = feed(zeros) != zeros || tailHeard;
+        tailHeard = feed(zeros, block % 2) != zeros || tailHeard;
     EXPECT_TRUE(tailHeard);
     for (bool planar : { false, true }) // the 100th reaches 48000 frames
         expectGated(480, planar);
@@ -193,29 +199,19 @@ TEST_F(RenderPath, GateClosesOnTheBlockThatReachesOneSecondOfZerosFreezingFadeAn
     referenceEQ.reset(); // gating cleared the filters; the ramp continues where it stood
     auto tiny = zeros;
     tiny[1] = -1e-30f;
-    feed(tiny);
-    feed(noise(480 * 2));
+    feed(tiny, false);
+    feed(noise(480 * 2), true);
     EXPECT_EQ(spectrum.levels(), referenceSpectrum.levels());
 }
 
-TEST_F(RenderPath, NaNRestartsTheSilenceCountAndAnOutputWithoutChannelsCountsAsSilence)
+TEST_F(RenderPath, AnOutputWithoutChannelsCountsAsSilence)
 {
-    std::vector<float> out;
-    auto gatedAfter = [&](float value, uint32_t outCh, bool planar = false) {
-        std::vector<float> in(480 * 2, value);
-        out.assign(480 * 2, 9.0f);
-        cycle(in, 2, out, outCh, planar);
-        return gate.isGated();
-    };
-    for (bool planar : { true, false }) {
-        for (int block = 0; block < 99; ++block)
-            gatedAfter(0.0f, 2, block % 2);
-        EXPECT_FALSE(gatedAfter(std::numeric_limits<float>::quiet_NaN(), 2, planar)) << planar;
+    std::vector<float> in(480 * 2, 0.5f), out(in.size(), 9.0f);
+    for (int block = 0; block < 100; ++block) {
+        EXPECT_FALSE(gate.isGated()) << block;
+        cycle(in, 2, out, 0);
     }
-    stats.snapshot();
-    for (int block = 0; block < 99; ++block) // loud input, but no channel to play it on
-        ASSERT_FALSE(gatedAfter(0.5f, 0));
-    EXPECT_TRUE(gatedAfter(0.5f, 0));
+    EXPECT_TRUE(gate.isGated());
     EXPECT_EQ(out, std::vector<float>(480 * 2, 9.0f));
     const auto counted = stats.snapshot();
     EXPECT_EQ(counted.frames, 100 * 480);
