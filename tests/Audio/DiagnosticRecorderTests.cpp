@@ -63,20 +63,8 @@ void pushPattern(DiagnosticRecorder& recorder, int64_t firstFrame, int64_t frame
 // A fresh log folder whose diagnostics folder is `folder`; logged lines collected.
 class DiagnosticRecorderTest : public ::testing::Test {
 protected:
-    void SetUp() override
-    {
-        std::string pattern = (fs::temp_directory_path() / "sorva-recorder-test-XXXXXX").string();
-        ASSERT_NE(mkdtemp(pattern.data()), nullptr);
-        root = pattern;
-        EQLog::setDirectoryForTesting(root);
-        folder = *EQLog::diagnosticsDirectory();
-    }
-    void TearDown() override
-    {
-        EQLog::setDirectoryForTesting(std::nullopt);
-        fs::remove_all(root);
-    }
-    fs::path root, folder;
+    LogFolder logFolder;
+    const fs::path root = logFolder.path, folder = *EQLog::diagnosticsDirectory();
     ManualMainExecutor mainExecutor;
     LogLines log;
 };

@@ -39,10 +39,6 @@ class EQLogTest : public ::testing::Test {
 protected:
     void SetUp() override
     {
-        std::string pattern = (fs::temp_directory_path() / "sorva-log-test-XXXXXX").string();
-        folder = ::mkdtemp(pattern.data());
-        file = folder / "sorva-diagnostic.log";
-        EQLog::setDirectoryForTesting(folder);
         std::fflush(stderr);
         savedError = ::dup(2);
         const int capture = ::open((folder / "stderr").c_str(), O_CREAT | O_WRONLY | O_TRUNC | O_CLOEXEC, 0600);
@@ -54,8 +50,6 @@ protected:
         standardError();
         ::dup2(savedError, 2);
         ::close(savedError);
-        EQLog::setDirectoryForTesting(std::nullopt);
-        fs::remove_all(folder);
     }
     std::vector<std::string> fileLines()
     {
@@ -69,7 +63,8 @@ protected:
         return readText(folder / "stderr");
     }
 
-    fs::path folder, file;
+    LogFolder logFolder;
+    const fs::path folder = logFolder.path, file = folder / "sorva-diagnostic.log";
     int savedError = -1;
 };
 

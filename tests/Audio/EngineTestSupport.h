@@ -1,6 +1,7 @@
-// Helpers shared by the engine, render-path and recorder tests: a capture of the
-// trace log, a one-buffer list over a test's samples, the simulated system both
-// engines run on, the tap they make and the samples of a captured WAV file.
+// Helpers shared by the engine, render-path, recorder and log tests: a capture
+// of the trace log, a folder for the log, a one-buffer list over a test's
+// samples, the simulated system both engines run on, the tap they make and the
+// samples of a captured WAV file.
 // Threads: LogLines may be written from any thread; the rest is single-threaded.
 #pragma once
 
@@ -23,6 +24,7 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <unistd.h>
 #include <vector>
 
 namespace sorva {
@@ -66,6 +68,25 @@ private:
         std::vector<std::string> lines;
     };
     std::shared_ptr<State> state = std::make_shared<State>();
+};
+
+// A fresh folder the log (and so the recorder's diagnostics) write to while alive.
+struct LogFolder {
+    LogFolder()
+    {
+        std::string pattern = (std::filesystem::temp_directory_path() / "sorva-test-XXXXXX").string();
+        path = ::mkdtemp(pattern.data());
+        EQLog::setDirectoryForTesting(path);
+    }
+    ~LogFolder()
+    {
+        EQLog::flush();
+        EQLog::setDirectoryForTesting(std::nullopt);
+        std::filesystem::remove_all(path);
+    }
+    LogFolder(const LogFolder&) = delete;
+    LogFolder& operator=(const LogFolder&) = delete;
+    std::filesystem::path path;
 };
 
 // A one-buffer list over samples (interleaved, channels per frame).

@@ -227,10 +227,9 @@ TEST_F(RenderPath, RecorderGetsRawAndProcessedStereoBlocksUpToTheScratchSize)
     for (bool planar : { false, true }) // one frame more than the scratch holds: processed, not captured
         processed(noise(8193 * 2), 2, 2, planar);
 
-    const std::string folder = ::testing::TempDir() + "render-path-capture-" + std::to_string(::getpid());
-    const auto files = recorder.markEvent("probe", folder, "");
+    const LogFolder folder;
+    const auto files = recorder.markEvent("probe", folder.path, "");
     ASSERT_TRUE(files);
     EXPECT_EQ(wavSamples(readText(files->raw)), in);
     EXPECT_EQ(wavSamples(readText(files->processed)), out);
-    std::filesystem::remove_all(folder);
 }

@@ -13,7 +13,6 @@
 #include <cstdlib>
 #include <string_view>
 #include <thread>
-#include <unistd.h>
 
 using namespace sorva;
 using namespace std::chrono_literals;
@@ -28,19 +27,8 @@ struct ScopedEnvironment {
     const char* name;
 };
 
-struct Engine : ::testing::Test, SimulatedSystem {
-    Engine()
-    {
-        std::filesystem::create_directories(folder);
-        EQLog::setDirectoryForTesting(folder);
-    }
-    ~Engine() override
-    {
-        engine.reset();
-        EQLog::flush();
-        EQLog::setDirectoryForTesting(std::nullopt);
-        std::filesystem::remove_all(folder);
-    }
+// The log folder outlives the engine, whose recorder captures there.
+struct Engine : ::testing::Test, LogFolder, SimulatedSystem {
 
     // A new engine (replacing the last one), started on the default device.
     SystemEQProcessor& started(const std::vector<EQBand>& bands = EQConfig::defaultConfig().bands, double gain = 0.0)
@@ -75,8 +63,6 @@ struct Engine : ::testing::Test, SimulatedSystem {
         return -1;
     }
 
-    std::filesystem::path folder = std::filesystem::path(::testing::TempDir())
-        / ("sorva-engine-" + std::to_string(::getpid()));
     bool callbackOnMainThread = false;
     std::unique_ptr<SystemEQProcessor> engine;
 };
