@@ -40,7 +40,7 @@ struct Rig : SimulatedSystem {
 
 } // namespace
 
-TEST(BufferedEQProcessor, StartBuildsTheCaptureChainAndStopRemovesEverythingOnce)
+TEST(BufferedEQProcessor, StartBuildsTheCaptureChainRefreshReappliesTheTapAndStopRemovesEverythingOnce)
 {
     Rig rig;
     rig.start();
@@ -58,9 +58,17 @@ TEST(BufferedEQProcessor, StartBuildsTheCaptureChainAndStopRemovesEverythingOnce
     EXPECT_EQ(rig.output->connectedFormat(), OutputFormat::planarFloat(48000.0, 2));
     EXPECT_EQ(rig.log.count("buffered processor started — Speakers @ 48000.0 Hz, 125 ms buffer"), 1);
     EXPECT_TRUE(rig.waits.empty());
+    // Refresh writes the stored description to the running tap; a refusal is logged.
+    EXPECT_TRUE(p.refreshTap());
+    EXPECT_EQ(rig.hardware.tapDescriptionOf(p.currentTapID()), p.currentTapDescription());
+    rig.hardware.injectStatus(Call::setTapDescription, 560947818, 1);
+    EXPECT_FALSE(p.refreshTap());
+    EXPECT_EQ(rig.log.count("tap refresh failed (OSStatus 560947818)"), 1);
 
     p.stop();
     p.stop();
+    EXPECT_FALSE(p.refreshTap());
+    EXPECT_EQ(rig.hardware.callCount(Call::setTapDescription), 2);
     EXPECT_TRUE(rig.hardware.nothingAlive());
     EXPECT_FALSE(rig.output->isRunning() || rig.output->observerCount());
     EXPECT_EQ(rig.waits, (std::vector<std::chrono::nanoseconds> { std::chrono::milliseconds(150) }));
@@ -183,22 +191,6 @@ TEST(BufferedEQProcessor, RenderAndCaptureCallsWithOddBufferListsTouchOnlyWhatTh
     const auto ring = p.ring.snapshot();
     EXPECT_EQ(ring.framesWritten, 7000);
     EXPECT_EQ(ring.framesRead, 0);
-}
-
-TEST(BufferedEQProcessor, RefreshReappliesTheStoredDescriptionOnlyWhileRunning)
-{
-    Rig rig;
-    EXPECT_FALSE(rig.processor->refreshTap());
-    rig.start();
-    EXPECT_TRUE(rig.processor->refreshTap());
-    EXPECT_EQ(rig.hardware.tapDescriptionOf(rig.processor->currentTapID()), rig.processor->currentTapDescription());
-    rig.hardware.injectStatus(Call::setTapDescription, 560947818, 1);
-    EXPECT_FALSE(rig.processor->refreshTap());
-    rig.processor->stop();
-    EXPECT_FALSE(rig.processor->refreshTap());
-    EXPECT_EQ(rig.hardware.callCount(Call::setTapDescription), 2);
-    EXPECT_EQ(rig.log.count("tap refresh failed", true), 1);
-    EXPECT_EQ(rig.log.count("tap refresh failed (OSStatus 560947818)"), 1);
 }
 
 TEST(BufferedEQProcessor, ListenersRebuildOnDeviceAndRateChangesAndEngineChangesOnlyAfterSettling)
