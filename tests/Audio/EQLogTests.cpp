@@ -99,6 +99,7 @@ TEST_F(EQLogTest, LinesGoToTheFileStandardErrorAndTheObserverInCallOrder)
 TEST_F(EQLogTest, ManyThreadsLogOnceAndWholeLinesInTheirOwnOrder)
 {
     constexpr int threadCount = 8, perThread = 300;
+    const std::string padding(200, 'x');
     std::atomic<int> evaluated { 0 };
     for (int round = 0; round < 10; ++round) {
         LogOnce once;
@@ -107,7 +108,7 @@ TEST_F(EQLogTest, ManyThreadsLogOnceAndWholeLinesInTheirOwnOrder)
             threads.emplace_back([&, t, round] {
                 once.log([&] { return std::to_string(++evaluated) + " layout"; });
                 for (int i = 0; round == 0 && i < perThread; ++i)
-                    EQLog::trace("thread " + std::to_string(t) + " line " + std::to_string(i) + " " + std::string(200, 'x'));
+                    EQLog::trace("thread " + std::to_string(t) + " line " + std::to_string(i) + " " + padding);
             });
     }
     EXPECT_EQ(evaluated.load(), 10) << "each LogOnce evaluates its message once";

@@ -50,8 +50,9 @@ struct RenderPath : ::testing::Test {
             split[(2 + i % 2) * frames + i / 2] = out[i];
         }
         const auto bytes = static_cast<uint32_t>(frames * sizeof(float));
-        AudioBuffer inBuffers[2] = { { 1, bytes, split.data() }, { 1, bytes, split.data() + frames } };
-        AudioBuffer outBuffers[2] = { { 1, bytes, split.data() + 2 * frames }, { 1, bytes, split.data() + 3 * frames } };
+        float* const channel[4] = { &split[0], &split[frames], &split[2 * frames], &split[3 * frames] };
+        AudioBuffer inBuffers[2] = { { 1, bytes, channel[0] }, { 1, bytes, channel[1] } };
+        AudioBuffer outBuffers[2] = { { 1, bytes, channel[2] }, { 1, bytes, channel[3] } };
         AudioBufferList inList { 2, inBuffers }, outList { 2, outBuffers };
         SystemEQProcessor::processIOCycle(*context, &inList, &outList);
         for (size_t i = 0; i < 2 * frames; ++i)
@@ -221,7 +222,8 @@ TEST_F(RenderPath, AnOutputWithoutChannelsCountsAsSilence)
 TEST_F(RenderPath, RecorderGetsRawAndProcessedStereoBlocksUpToTheScratchSize)
 {
     startFades(0);
-    auto in = noise(4096 * 2), out = processed(in), planarIn = noise(4096 * 2), planarOut = processed(planarIn, 2, 2, true);
+    auto in = noise(4096 * 2), out = processed(in), planarIn = noise(4096 * 2);
+    const auto planarOut = processed(planarIn, 2, 2, true);
     in.insert(in.end(), planarIn.begin(), planarIn.end());
     out.insert(out.end(), planarOut.begin(), planarOut.end());
     for (bool planar : { false, true }) // one frame more than the scratch holds: processed, not captured
