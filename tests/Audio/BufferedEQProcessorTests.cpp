@@ -1,5 +1,7 @@
 // The buffered engine on the simulated audio system and output: the capture
-// chain, the ring's prime, failures, the render block, refresh and listeners.
+// chain, refresh, the ring's prime, the output's failure, the render block and
+// the listeners. Its tap chain's failures share a table with the single-device
+// engine (SystemEQProcessorTests).
 #include "Audio/BufferedEQProcessor.h"
 #include "EngineTestSupport.h"
 #include "Models/EQConfig.h"

@@ -42,8 +42,6 @@ struct Output {
         return std::all_of(left.begin(), left.end(), [](float v) { return v == 0.0f; })
             && std::all_of(right.begin(), right.end(), [](float v) { return v == 0.0f; });
     }
-    // The read rate between two output frames, since the input rises by one per frame.
-    double slope(size_t from, size_t to) const { return (double(left[to]) - double(left[from])) / double(to - from); }
 };
 
 Output readFrames(StereoRingBuffer& ring, int64_t frames)

@@ -29,7 +29,6 @@ struct ScopedEnvironment {
 
 // The log folder outlives the engine, whose recorder captures there.
 struct Engine : ::testing::Test, LogFolder, SimulatedSystem {
-
     // A new engine (replacing the last one), started on the default device.
     SystemEQProcessor& started(const std::vector<EQBand>& bands = EQConfig::defaultConfig().bands, double gain = 0.0)
     {
