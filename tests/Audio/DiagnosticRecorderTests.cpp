@@ -131,21 +131,6 @@ TEST_F(DiagnosticRecorderTest, PlanarBlocksOfAnySizeAndAlignmentKeepTheSameHisto
     EXPECT_EQ(reference.size(), 2 * (44u + 4800u * 8u));
 }
 
-TEST_F(DiagnosticRecorderTest, MonoAtAFractionalRate)
-{
-    // The header holds the truncated rate, the duration uses the exact one.
-    DiagnosticRecorder mono(1, 1, 22050.75, mainExecutor, [] { return exampleTime + 1s; });
-    pushPattern(mono, 0, 30000, 1000);
-    const auto files = mono.markEvent("mono", folder, "x");
-    ASSERT_TRUE(files.has_value());
-    const std::string bytes = readText(files->raw);
-    ASSERT_EQ(bytes.size(), 44u + 22050u * 4u);
-    EXPECT_EQ(bytes.substr(0, 44), wavHeader(1, 22050, 22050));
-    EXPECT_EQ(wavSamples(bytes).front(), patternValue(30000 - 22050, 1, 0));
-    EXPECT_EQ(readText(files->context), "Event: mono\nTime: 2026-03-14 09:26:54 +0000\nCaptured: 1.0 s (22050 frames)\nx");
-
-}
-
 TEST_F(DiagnosticRecorderTest, TimerCapturesEveryIntervalAndKeepsTheNewestCaptures)
 {
     // Twenty earlier captures, oldest first, and files that are not captures (the orphan: a capture that failed

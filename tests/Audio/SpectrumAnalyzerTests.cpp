@@ -56,24 +56,6 @@ TEST(SpectrumAnalyzer, BinCentredSineLightsBand11RisingQuicklyAndFallingSlowly)
         EXPECT_NEAR(loud.levels()[11], expected *= 0.82f, 1e-6) << "call " << call;
 }
 
-TEST(SpectrumAnalyzer, AnalysesTheNewest1024SamplesOldestFirst)
-{
-    // An impulse's flat spectrum is as high as the window where it sits, so
-    // every bar tells where the analysed block starts and which way it runs.
-    for (int position : { -1, 0, 200, 512 }) {
-        // 1324 samples in blocks of 97: the oldest 300 fall out of the ring.
-        std::vector<float> stream(N + 300, 0.0f);
-        stream[size_t(300 + position)] = 1.0f;
-        SpectrumAnalyzer analyzer;
-        for (size_t start = 0; start < stream.size(); start += 97)
-            analyzer.push(stream.data() + start, int64_t(std::min<size_t>(97, stream.size() - start)), 1);
-        const double window = std::sqrt(2.0 / 3.0) * (1.0 - std::cos(2.0 * std::numbers::pi * position / N));
-        const double expected = position < 0 ? 0.0 : 0.6 * barLevel(window);
-        for (float level : analyzer.levels())
-            EXPECT_NEAR(level, expected, 1e-5) << "position " << position;
-    }
-}
-
 TEST(SpectrumAnalyzer, MixesChannelsToMonoAndAllocatesNothing)
 {
     const std::vector<float> sine = sineOnBin(100, 0.1);
