@@ -208,11 +208,13 @@ TEST_F(RenderPath, GateClosesOnTheBlockThatReachesOneSecondOfZerosFreezingFadeAn
 TEST_F(RenderPath, RecorderGetsRawAndProcessedStereoBlocksUpToTheScratchSize)
 {
     startFades(0);
-    auto in = noise(4096 * 2), out = processed(in), planarIn = noise(4096 * 2);
+    // An interleaved block, then a planar one; blocks one frame longer than the scratch are not captured.
+    auto in = noise(4096 * 2), planarIn = noise(4096 * 2);
+    auto out = processed(in);
     const auto planarOut = processed(planarIn, 2, 2, true);
     in.insert(in.end(), planarIn.begin(), planarIn.end());
     out.insert(out.end(), planarOut.begin(), planarOut.end());
-    for (bool planar : { false, true }) // one frame more than the scratch holds: processed, not captured
+    for (bool planar : { false, true })
         processed(noise(8193 * 2), 2, 2, planar);
 
     const LogFolder folder;
