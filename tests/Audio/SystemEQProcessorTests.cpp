@@ -12,6 +12,7 @@
 
 #include <cstdlib>
 #include <string_view>
+#include <tuple>
 #include <thread>
 
 using namespace sorva;
@@ -213,29 +214,25 @@ TEST_F(Engine, BufferSizeIsRequestedOnlyForAnUnsignedNumberAndARefusalIsLogged)
 
 TEST_F(Engine, FadesLastOneHundredFiftyMillisecondsInAndOneHundredTwentyOut)
 {
-    struct Case {
-        std::function<void()> setUp;
-        double rate;
-        int64_t fadeIn, fadeOut;
+    // The speakers' nominal rate (-1: 44.1 kHz but unreadable; 0 and unreadable fall back to 48 kHz), the rate the
+    // engine runs at and the fades' lengths.
+    const std::tuple<double, double, int64_t, int64_t> cases[] = {
+        { 48000.0, 48000.0, 7200, 5760 }, { 44100.0, 44100.0, 6615, 5292 },
+        { -1.0, 48000.0, 7200, 5760 },    { 0.0, 48000.0, 7200, 5760 },
     };
-    const Case cases[] = {
-        { [] {}, 48000.0, 7200, 5760 },
-        { [&] { hardware.setNominalSampleRate(speakers, 44100.0); }, 44100.0, 6615, 5292 },
-        { [&] { hardware.injectStatus(Call::nominalSampleRate, -1, 1); }, 48000.0, 7200, 5760 },
-        { [&] { hardware.setNominalSampleRate(speakers, 0.0); }, 48000.0, 7200, 5760 },
-    };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.rate);
-        hardware.setNominalSampleRate(speakers, 48000.0);
-        c.setUp();
-        EXPECT_EQ(started().sampleRate, c.rate);
+    for (const auto& [nominal, rate, fadeIn, fadeOut] : cases) {
+        SCOPED_TRACE(nominal);
+        hardware.setNominalSampleRate(speakers, nominal < 0 ? 44100.0 : nominal);
+        if (nominal < 0)
+            hardware.injectStatus(Call::nominalSampleRate, -1, 1);
+        EXPECT_EQ(started().sampleRate, rate);
         // Flat bands at 0 dB: the output is the input times the fade gain.
-        EXPECT_EQ(firstFrameAt(0.5f), c.fadeIn);
-        int64_t fadeOut = -1;
-        duringWait = [&] { fadeOut = firstFrameAt(0.0f); }; // the fade-out plays during stop's wait
+        EXPECT_EQ(firstFrameAt(0.5f), fadeIn);
+        int64_t silentFrom = -1;
+        duringWait = [&] { silentFrom = firstFrameAt(0.0f); }; // the fade-out plays during stop's wait
         engine->stop();
         duringWait = nullptr;
-        EXPECT_EQ(fadeOut, c.fadeOut);
+        EXPECT_EQ(silentFrom, fadeOut);
     }
 }
 
