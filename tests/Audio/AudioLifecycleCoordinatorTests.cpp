@@ -9,8 +9,6 @@
 
 #include <algorithm>
 #include <cmath>
-#include <condition_variable>
-#include <mutex>
 #include <random>
 #include <stdexcept>
 #include <string>
@@ -49,9 +47,8 @@ public:
         events.clear();
         log.clear();
         startCalls = 0;
-        startFails = engineRunning = blockSleeps = false;
+        startFails = engineRunning = false;
         delays.clear();
-        releases = 0;
         coordinator = std::make_unique<AudioLifecycleCoordinator>(
             main,
             [this] {
@@ -69,13 +66,11 @@ public:
                     hook();
             },
             [this](AudioLifecycleState state) { events.push_back(std::string(rawValue(state))); },
-            // Records each delay and moves the clock on by it; a blocked sleep lasts until the test releases it.
-            [this](uint64_t nanoseconds, std::stop_token interruption) {
-                std::unique_lock guard(sleepLock);
+            // Records each delay and moves the clock on by it, running the test's hook on the step thread first.
+            [this](uint64_t nanoseconds, std::stop_token) {
                 delays.push_back(nanoseconds);
-                size_t index = delays.size();
-                if (blockSleeps)
-                    sleepReleased.wait(guard, interruption, [&] { return releases >= index; });
+                if (auto hook = std::exchange(duringSleep, nullptr))
+                    hook();
                 clock += nanoseconds;
             },
             [this] { return clock.load(); });
@@ -90,26 +85,14 @@ public:
     }
     void settle(const Request& request) { settle(request(*coordinator)); }
 
-    // Polls, without running the main thread, until done() holds.
-    void await(const std::function<bool()>& done, const char* what)
-    {
-        for (auto deadline = std::chrono::steady_clock::now() + 10s; !done(); std::this_thread::yield())
-            ASSERT_LT(std::chrono::steady_clock::now(), deadline) << "never happened: " << what;
-    }
-
     size_t logged(const std::string& prefix) { return size_t(log.count(prefix, true)); }
     Events take() { return std::exchange(events, {}); }
-    std::vector<uint64_t> sleeps() { std::lock_guard guard(sleepLock); return delays; }
-    void releaseOneSleep() { std::lock_guard guard(sleepLock); ++releases; sleepReleased.notify_all(); }
 
     LogLines log;
     ManualMainExecutor main;
     std::atomic<uint64_t> clock { 1000 * second };
-    std::mutex sleepLock;
-    std::condition_variable_any sleepReleased;
-    std::vector<uint64_t> delays;
-    size_t releases = 0;
-    bool blockSleeps = false;
+    std::vector<uint64_t> delays; // written by the step thread, read once a request is carried out
+    std::function<void()> duringSleep;
     // Touched only on the test thread, which is the main thread.
     Events events;
     int startCalls = 0, failEvery = 0, overlappingStarts = 0;
@@ -209,7 +192,7 @@ TEST_F(AudioLifecycleCoordinatorTest, RecoveryWithAStartThatAlwaysFailsGivesUpAf
         expected.insert(expected.end(), { "starting", "start", "stop", "failed", "recovering" });
     expected.push_back("failed");
     EXPECT_EQ(take(), expected); // 3 starts, 4 stops
-    EXPECT_EQ(sleeps(), (std::vector<uint64_t> { 1 * second, 2 * second, 4 * second }));
+    EXPECT_EQ(delays, (std::vector<uint64_t> { 1 * second, 2 * second, 4 * second }));
     EXPECT_EQ(logged("actor: performWake recover result=false"), 1u);
 
     // With the budget used up a wake fails again without a start; switching off and on resets the budget.
@@ -280,7 +263,6 @@ TEST_F(AudioLifecycleCoordinatorTest, RequestsDuringARecoveryCancelItUnlessTheyA
         settle(sleepNow);
         events.clear();
         startFails = true;
-        blockSleeps = !c.duringCleanup; // a loop that failed to cancel shows up as a recorded delay
         std::vector<std::future<void>> futures;
         auto issue = [&] {
             startFails = false;
@@ -289,21 +271,15 @@ TEST_F(AudioLifecycleCoordinatorTest, RequestsDuringARecoveryCancelItUnlessTheyA
         };
         if (c.duringCleanup)
             duringStop = [&] { duringStop = issue; }; // the second stop follows the failed start
-        std::future<void> woken = coordinator->wake();
-        if (!c.duringCleanup) {
-            ASSERT_TRUE(main.runUntil([&] { return !sleeps().empty(); }, 10s));
-            size_t enqueued = logged("actor: enqueue called");
-            issue();
-            await([&] { return logged("actor: enqueue called") == enqueued + c.requests.size(); }, "immediate parts");
-            releaseOneSleep();
-        }
-        settle(std::move(woken));
+        else
+            duringSleep = issue; // a loop that failed to cancel would start again after the delay
+        settle(coordinator->wake());
         for (auto& f : futures)
             settle(std::move(f));
         Events expected { "recovering", "stop", "starting", "start", "stop", "failed", "recovering" };
         expected.insert(expected.end(), c.tail.begin(), c.tail.end());
         EXPECT_EQ(take(), expected);
-        EXPECT_EQ(sleeps().size(), c.duringCleanup ? 0u : 1u);
+        EXPECT_EQ(delays.size(), c.duringCleanup ? 0u : 1u);
         EXPECT_EQ(logged(std::string("actor: performWake recover result=") + c.result), 1u);
     }
 }
@@ -333,7 +309,9 @@ TEST_F(AudioLifecycleCoordinatorTest, ConcurrentRequestsNeverOverlap)
 TEST_F(AudioLifecycleCoordinatorTest, DestructionReleasesAStepWaitingForTheMainThread)
 {
     std::future<void> on = coordinator->setUserEnabled(true);
-    await([&] { return logged("actor: startOnce entered") == 1; }, "startOnce");
+    // Poll, without running the main thread, until the step enters the start.
+    for (auto deadline = std::chrono::steady_clock::now() + 10s; !logged("actor: startOnce entered");)
+        ASSERT_LT(std::chrono::steady_clock::now(), deadline) << "the step never started";
     // The step now waits for the main thread, which is this thread.
     coordinator.reset();
     EXPECT_EQ(on.wait_for(5s), std::future_status::ready);

@@ -1,15 +1,14 @@
 // The buffered engine on the simulated audio system and output: the capture
-// chain, the ring's prime, failures, the render block, refresh and listeners.
+// chain, refresh, the ring's prime, the output's failure, the render block and
+// the listeners. Its tap chain's failures share a table with the single-device
+// engine (SystemEQProcessorTests).
 #include "Audio/BufferedEQProcessor.h"
 #include "EngineTestSupport.h"
 #include "Models/EQConfig.h"
-#include "Platform/ManualMainExecutor.h"
-#include "Platform/Simulated/SimulatedAudioHardware.h"
 #include "Platform/Simulated/SimulatedOutputEngine.h"
 
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <cmath>
 #include <numeric>
 
@@ -18,16 +17,15 @@ using Call = SimulatedAudioHardware::Call;
 
 namespace {
 
-// One speaker, an executor and clock the test moves, a wait that only counts, and the log.
-struct Rig {
+// The engine over the simulated system and output, started with flat bands by start().
+struct Rig : SimulatedSystem {
     explicit Rig(double latency = 125.0)
     {
         auto engine = std::make_unique<SimulatedOutputEngine>();
         output = engine.get();
-        processor = std::make_unique<BufferedEQProcessor>(
-            5, latency, hardware, std::move(engine), executor,
-            [this](std::chrono::nanoseconds d) { waits.push_back(d); }, [this] { return now.load(); });
-        processor->onConfigurationChange = [this] { ++callbacks; };
+        processor = std::make_unique<BufferedEQProcessor>(5, latency, hardware, std::move(engine), executor,
+                                                          recordingWait(), testClock());
+        processor->onConfigurationChange = [this] { ++configurationChanges; };
     }
     void start(const std::vector<EQBand>& bands = EQConfig::defaultConfig().bands) { processor->start(bands, 0.0); }
     // One capture cycle of interleaved stereo into the aggregate.
@@ -37,26 +35,14 @@ struct Rig {
         AudioBufferList none { 0, nullptr };
         hardware.runIOCycle(processor->currentAggregateID(), &input.list, &none);
     }
-    void settle()
-    {
-        hardware.drainListenerQueues();
-        executor.runPending();
-    }
 
-    LogLines log;
-    SimulatedAudioHardware hardware;
-    ManualMainExecutor executor;
-    AudioObjectID speakers = hardware.addOutputDevice("Speakers", "speakers-uid", 48000.0);
     SimulatedOutputEngine* output = nullptr;
-    std::atomic<uint64_t> now { 1'000'000'000 };
-    std::vector<std::chrono::nanoseconds> waits;
-    int callbacks = 0;
     std::unique_ptr<BufferedEQProcessor> processor;
 };
 
 } // namespace
 
-TEST(BufferedEQProcessor, StartBuildsTheCaptureChainAndStopRemovesEverythingOnce)
+TEST(BufferedEQProcessor, StartBuildsTheCaptureChainRefreshReappliesTheTapAndStopRemovesEverythingOnce)
 {
     Rig rig;
     rig.start();
@@ -74,9 +60,17 @@ TEST(BufferedEQProcessor, StartBuildsTheCaptureChainAndStopRemovesEverythingOnce
     EXPECT_EQ(rig.output->connectedFormat(), OutputFormat::planarFloat(48000.0, 2));
     EXPECT_EQ(rig.log.count("buffered processor started — Speakers @ 48000.0 Hz, 125 ms buffer"), 1);
     EXPECT_TRUE(rig.waits.empty());
+    // Refresh writes the stored description to the running tap; a refusal is logged.
+    EXPECT_TRUE(p.refreshTap());
+    EXPECT_EQ(rig.hardware.tapDescriptionOf(p.currentTapID()), p.currentTapDescription());
+    rig.hardware.injectStatus(Call::setTapDescription, 560947818, 1);
+    EXPECT_FALSE(p.refreshTap());
+    EXPECT_EQ(rig.log.count("tap refresh failed (OSStatus 560947818)"), 1);
 
     p.stop();
     p.stop();
+    EXPECT_FALSE(p.refreshTap());
+    EXPECT_EQ(rig.hardware.callCount(Call::setTapDescription), 2);
     EXPECT_TRUE(rig.hardware.nothingAlive());
     EXPECT_FALSE(rig.output->isRunning() || rig.output->observerCount());
     EXPECT_EQ(rig.waits, (std::vector<std::chrono::nanoseconds> { std::chrono::milliseconds(150) }));
@@ -117,49 +111,12 @@ TEST(BufferedEQProcessor, LatencySetsThePrimeAt48kHzWhateverTheTapRate)
     unreadable.hardware.setTapSampleRate(44100.0);
     unreadable.hardware.injectStatus(Call::tapFormat, kAudioHardwareUnspecifiedError);
     unreadable.start();
-    EXPECT_EQ(unreadable.processor->sampleRate, 48000.0);
     EXPECT_EQ(unreadable.output->connectedFormat(), OutputFormat::planarFloat(48000.0, 2));
 }
 
-TEST(BufferedEQProcessor, EachSetUpFailureIsReportedAndLeavesWhatItShould)
+// The capture chain's failures are in the single-device engine's tests, which run both engines.
+TEST(BufferedEQProcessor, AnOutputThatFailsToStartLeavesTheCaptureForStop)
 {
-    const OSStatus nope = kAudioHardwarePermissionDenied;
-    struct Case {
-        const char* what;
-        std::function<void(SimulatedAudioHardware&)> arrange;
-        std::string call;
-        OSStatus status;
-    };
-    const auto inject = [](Call call, OSStatus status) {
-        return [=](SimulatedAudioHardware& hw) { hw.injectStatus(call, status); };
-    };
-    // The steps both engines share are pinned by the single-device engine's table; here what differs: no main
-    // device, a refused tap reported with its status, the tap's rate, the cleanup with the IO procedure running.
-    const Case cases[] = {
-        { "no device", [](auto& hw) { hw.setDefaultOutputDevice(0); }, "No default output device", -1 },
-        { "tap refused", inject(Call::createProcessTap, nope), "AudioHardwareCreateProcessTap", nope },
-        { "tap at rate 0", [](auto& hw) { hw.setTapSampleRate(0.0); }, "Tap sample rate", -50 },
-        { "io proc empty", [](auto& hw) { hw.setCreateIOProcLeavesIDEmpty(true); },
-          "AudioDeviceCreateIOProcIDWithBlock", 0 },
-        { "device start", inject(Call::startDevice, 13), "AudioDeviceStart", 13 },
-    };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.what);
-        Rig rig;
-        c.arrange(rig.hardware);
-        try {
-            rig.start();
-            ADD_FAILURE() << "started";
-        } catch (const AudioTapError& error) {
-            EXPECT_FALSE(error.isPermissionDenied());
-            EXPECT_EQ(error.callName(), c.call);
-            EXPECT_EQ(error.status(), c.status);
-        }
-        EXPECT_TRUE(rig.hardware.nothingAlive());
-        EXPECT_FALSE(rig.output->isRunning() || rig.output->observerCount());
-    }
-
-    // The output refusing to start: its own error; the capture stays until stop.
     Rig rig;
     rig.output->failNextStart(-19, "no such device");
     try {
@@ -215,85 +172,64 @@ TEST(BufferedEQProcessor, RenderAndCaptureCallsWithOddBufferListsTouchOnlyWhatTh
     Rig rig;
     BufferedEQProcessor& p = *rig.processor;
     BufferedEQProcessor::RenderContext context { p.ring, p.eq, p.fade, p.spectrum, p.timing };
-    std::vector<float> primeBlock(2 * 7000, 0.25f), interleaved(512, -3.0f), l(256, -3.0f);
+    std::vector<float> primeBlock(2 * 7000, 0.25f), l(256, -3.0f);
     p.ring.write(primeBlock.data(), static_cast<int64_t>(primeBlock.size()));
-    // One interleaved buffer, a null channel, no list: untouched, nothing read or timed; zero frames: timed only.
-    OneBuffer one(interleaved, 2);
-    AudioBuffer withNull[2] = { { 1, 1024, l.data() }, { 1, 1024, nullptr } }, empty[2] = { { 1, 0, l.data() }, { 1, 0, l.data() } };
-    AudioBufferList nullList { 2, withNull }, emptyList { 2, empty }, none { 0, nullptr };
+    // One interleaved buffer, a null channel, no list: untouched, nothing read or timed.
+    OneBuffer one(l, 2);
+    AudioBuffer withNull[2] = { { 1, 1024, l.data() }, { 1, 1024, nullptr } };
+    AudioBufferList nullList { 2, withNull }, emptyList { 0, nullptr };
     for (AudioBufferList* list : { &one.list, &nullList, (AudioBufferList*)nullptr })
         EXPECT_EQ(BufferedEQProcessor::renderCycle(context, 256, list), 0);
     EXPECT_EQ(p.timing.snapshot().callbacks, 0);
-    EXPECT_EQ(BufferedEQProcessor::renderCycle(context, 0, &emptyList), 0);
-    EXPECT_EQ(interleaved, std::vector<float>(512, -3.0f));
+    withNull[1].mData = l.data(); // two channels, but zero frames: timed only
+    EXPECT_EQ(BufferedEQProcessor::renderCycle(context, 0, &nullList), 0);
     EXPECT_EQ(l, std::vector<float>(256, -3.0f));
     EXPECT_EQ(p.timing.snapshot().callbacks, 1);
     // The capture side ignores inputs without a buffer or data.
     AudioBuffer noData { 2, 1024, nullptr };
     AudioBufferList noDataList { 1, &noData };
-    for (AudioBufferList* list : { &none, &noDataList, (AudioBufferList*)nullptr })
+    for (AudioBufferList* list : { &emptyList, &noDataList, (AudioBufferList*)nullptr })
         BufferedEQProcessor::captureCycle(p.ring, list);
-    EXPECT_EQ(p.ring.snapshot().framesWritten, 7000);
-    EXPECT_EQ(p.ring.snapshot().framesRead, 0);
-}
-
-TEST(BufferedEQProcessor, RefreshReappliesTheStoredDescriptionOnlyWhileRunning)
-{
-    Rig rig;
-    EXPECT_FALSE(rig.processor->refreshTap());
-    rig.start();
-    EXPECT_TRUE(rig.processor->refreshTap());
-    EXPECT_EQ(rig.hardware.callCount(Call::setTapDescription), 1);
-    EXPECT_EQ(rig.hardware.tapDescriptionOf(rig.processor->currentTapID()), rig.processor->currentTapDescription());
-
-    rig.hardware.injectStatus(Call::setTapDescription, 560947818, 1);
-    EXPECT_FALSE(rig.processor->refreshTap());
-    EXPECT_EQ(rig.log.count("tap refresh failed (OSStatus 560947818)"), 1);
-    EXPECT_EQ(rig.hardware.liveTaps(), 1u);
-
-    rig.processor->stop();
-    const size_t lines = rig.log.all().size();
-    EXPECT_FALSE(rig.processor->refreshTap());
-    EXPECT_EQ(rig.log.all().size(), lines);
-    EXPECT_EQ(rig.hardware.callCount(Call::setTapDescription), 2);
+    const auto ring = p.ring.snapshot();
+    EXPECT_EQ(ring.framesWritten, 7000);
+    EXPECT_EQ(ring.framesRead, 0);
 }
 
 TEST(BufferedEQProcessor, ListenersRebuildOnDeviceAndRateChangesAndEngineChangesOnlyAfterSettling)
 {
     Rig rig;
-    const AudioObjectID headphones = rig.hardware.addOutputDevice("Headphones", "headphones-uid", 48000.0);
     rig.start();
     const auto change = [&](AudioObjectID device, bool engine) {
         rig.hardware.setDefaultOutputDevice(device);
         if (engine)
             rig.output->changeConfiguration();
         rig.settle();
-        return rig.callbacks;
+        return rig.configurationChanges;
     };
     // An engine notification 2 s after start is dropped, even with a new device.
     rig.now += 2'000'000'000;
     rig.hardware.pauseListenerDelivery();
-    rig.hardware.setDefaultOutputDevice(headphones);
+    rig.hardware.setDefaultOutputDevice(rig.headphones);
     rig.output->changeConfiguration();
     rig.executor.runPending();
     rig.hardware.setDefaultOutputDevice(rig.speakers);
     rig.hardware.resumeListenerDelivery();
     rig.settle();
-    EXPECT_EQ(rig.callbacks, 0);
+    EXPECT_EQ(rig.configurationChanges, 0);
     // The shared listeners' rate rules are pinned by the single-device engine's test.
     rig.hardware.setNominalSampleRate(rig.speakers, 44100.0);
     rig.settle();
-    EXPECT_EQ(rig.callbacks, 1);
-    EXPECT_EQ(change(headphones, false), 2) << "a device change 2 s after start rebuilds at once";
+    EXPECT_EQ(rig.configurationChanges, 1);
+    EXPECT_EQ(change(rig.headphones, false), 2) << "a device change 2 s after start rebuilds at once";
     EXPECT_EQ(rig.log.count("default output device changed — rebuilding"), 1);
     // After the settle time an engine notification rebuilds with a new device only.
     rig.now += 2'000'000'000;
     rig.output->changeConfiguration();
     rig.settle();
-    EXPECT_EQ(rig.callbacks, 3);
+    EXPECT_EQ(rig.configurationChanges, 3);
     EXPECT_EQ(rig.log.count("engine configuration changed — rebuilding"), 1);
     EXPECT_EQ(change(rig.speakers, true), 3);
     EXPECT_EQ(change(0, true), 3);
     rig.processor->stop(); // every handler is gone
-    EXPECT_EQ(change(headphones, true), 3);
+    EXPECT_EQ(change(rig.headphones, true), 3);
 }

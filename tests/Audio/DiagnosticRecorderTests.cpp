@@ -1,17 +1,10 @@
 #include "Audio/DiagnosticRecorder.h"
-#include "Audio/EQLog.h"
-#include "Platform/ManualMainExecutor.h"
-#include "EngineTestSupport.h"
-
 #include "AllocationCounter.h"
+#include "EngineTestSupport.h"
 
 #include <gtest/gtest.h>
 
-#include <atomic>
-#include <chrono>
 #include <cmath>
-#include <fstream>
-#include <mutex>
 #include <thread>
 
 using namespace sorva;
@@ -70,20 +63,8 @@ void pushPattern(DiagnosticRecorder& recorder, int64_t firstFrame, int64_t frame
 // A fresh log folder whose diagnostics folder is `folder`; logged lines collected.
 class DiagnosticRecorderTest : public ::testing::Test {
 protected:
-    void SetUp() override
-    {
-        std::string pattern = (fs::temp_directory_path() / "sorva-recorder-test-XXXXXX").string();
-        ASSERT_NE(mkdtemp(pattern.data()), nullptr);
-        root = pattern;
-        EQLog::setDirectoryForTesting(root);
-        folder = *EQLog::diagnosticsDirectory();
-    }
-    void TearDown() override
-    {
-        EQLog::setDirectoryForTesting(std::nullopt);
-        fs::remove_all(root);
-    }
-    fs::path root, folder;
+    LogFolder logFolder;
+    const fs::path root = logFolder.path, folder = *EQLog::diagnosticsDirectory();
     ManualMainExecutor mainExecutor;
     LogLines log;
 };
@@ -135,60 +116,36 @@ TEST_F(DiagnosticRecorderTest, CapturesHoldTheHistoryPushedSoFarOldestFirstAcros
 TEST_F(DiagnosticRecorderTest, PlanarBlocksOfAnySizeAndAlignmentKeepTheSameHistoryAsInterleavedOnes)
 {
     // A 4800-frame history; blocks that start on odd frames and wrap mid-block.
-    for (int64_t block : { 1, 3, 4, 7, 1023, 4801 }) {
-        std::vector<std::string> captured;
-        for (bool planar : { false, true }) {
-            DiagnosticRecorder recorder(0.1, 2, 48000, mainExecutor, [] { return exampleTime; });
-            pushPattern(recorder, 0, 1, 1); // every later block starts on an odd frame
-            pushPattern(recorder, 1, 10'001, planar ? block : 4096, planar);
-            const auto files = recorder.markEvent("chunk", folder / (planar ? "planar" : "interleaved"), "");
-            ASSERT_TRUE(files.has_value());
-            captured.push_back(readText(files->raw) + readText(files->processed));
-        }
-        EXPECT_EQ(captured[0].size(), 2 * (44u + 4800u * 8u));
-        EXPECT_TRUE(captured[0] == captured[1]) << "block " << block;
+    std::string reference; // the interleaved capture
+    for (int64_t block : { 4096, 1, 3, 4, 7, 1023, 4801 }) {
+        DiagnosticRecorder recorder(0.1, 2, 48000, mainExecutor, [] { return exampleTime; });
+        pushPattern(recorder, 0, 1, 1); // every later block starts on an odd frame
+        pushPattern(recorder, 1, 10'001, block, !reference.empty());
+        const auto files = recorder.markEvent("chunk", folder / std::to_string(block), "");
+        ASSERT_TRUE(files.has_value());
+        const std::string captured = readText(files->raw) + readText(files->processed);
+        if (reference.empty())
+            reference = captured;
+        EXPECT_TRUE(captured == reference) << "block " << block;
     }
-}
-
-TEST_F(DiagnosticRecorderTest, MonoAtAFractionalRateBadArgumentsAndFailedWrites)
-{
-    // The header holds the truncated rate, the duration uses the exact one.
-    DiagnosticRecorder mono(1, 1, 22050.75, mainExecutor, [] { return exampleTime + 1s; });
-    pushPattern(mono, 0, 30000, 1000);
-    const auto files = mono.markEvent("mono", folder, "x");
-    ASSERT_TRUE(files.has_value());
-    const std::string bytes = readText(files->raw);
-    ASSERT_EQ(bytes.size(), 44u + 22050u * 4u);
-    EXPECT_EQ(bytes.substr(0, 44), wavHeader(1, 22050, 22050));
-    EXPECT_EQ(wavSamples(bytes).front(), patternValue(30000 - 22050, 1, 0));
-    EXPECT_EQ(readText(files->context), "Event: mono\nTime: 2026-03-14 09:26:54 +0000\nCaptured: 1.0 s (22050 frames)\nx");
-
-    EXPECT_THROW(DiagnosticRecorder(0, 2, 48000, mainExecutor), std::invalid_argument);
-    EXPECT_THROW(DiagnosticRecorder(std::nan(""), 2, 48000, mainExecutor), std::invalid_argument);
-    EXPECT_THROW(DiagnosticRecorder(1, 0, 48000, mainExecutor), std::invalid_argument);
-
-    std::ofstream(root / "not-a-folder") << "x";
-    log.clear();
-    EXPECT_FALSE(mono.markEvent("chunk", root / "not-a-folder" / "sub", "").has_value());
-    EXPECT_EQ(log.all(), std::vector<std::string> { "diagnostic capture failed: Not a directory" });
+    EXPECT_EQ(reference.size(), 2 * (44u + 4800u * 8u));
 }
 
 TEST_F(DiagnosticRecorderTest, TimerCapturesEveryIntervalAndKeepsTheNewestCaptures)
 {
-    // Twenty earlier captures, oldest first, and files that are not captures.
+    // Twenty earlier captures, oldest first, and files that are not captures (the orphan: a capture that failed
+    // before its context file), older still.
     fs::create_directories(folder);
-    const auto now = fs::file_time_type::clock::now();
-    const auto makeFile = [&](const std::string& name, fs::file_time_type modified) {
-        std::ofstream(folder / name) << name;
-        fs::last_write_time(folder / name, modified);
-    };
     const auto earlier = [](int i) { return "2026-01-01T00-00-" + std::to_string(10 + i) + "Z-chunk"; };
     const char* suffixes[] = { "-raw.wav", "-processed.wav", "-context.txt" };
+    std::vector<std::string> names { "notes.txt", "orphan-raw.wav" };
     for (int i = 0; i < 20; ++i)
         for (const char* suffix : suffixes)
-            makeFile(earlier(i) + suffix, now - 1000s + seconds(i));
-    makeFile("notes.txt", now - 5000s);
-    makeFile("orphan-raw.wav", now - 5000s); // a capture that failed before its context file
+            names.push_back(earlier(i) + suffix);
+    for (size_t i = 0; i < names.size(); ++i) {
+        std::ofstream(folder / names[i]) << names[i];
+        fs::last_write_time(folder / names[i], fs::file_time_type::clock::now() - 1000s + seconds(i));
+    }
 
     system_clock::time_point stamp = exampleTime;
     auto recorder = std::make_unique<DiagnosticRecorder>(12, 2, 48000, mainExecutor, [&stamp] { return stamp += 60s; });
@@ -261,8 +218,11 @@ TEST_F(DiagnosticRecorderTest, CapturesWhileTheAudioThreadPushesSeeWholeConsecut
     EXPECT_EQ(allocations.load(), 0u) << "push allocates nothing";
 }
 
-TEST_F(DiagnosticRecorderTest, CapturesArePrivateAndNeverFollowASymbolicLink)
+TEST_F(DiagnosticRecorderTest, RefusesBadSizesUnwritableFoldersAndSymbolicLinksAndKeepsCapturesPrivate)
 {
+    for (const auto& [seconds, channels] : { std::pair { 0.0, 2 }, { std::nan(""), 2 }, { 1.0, 0 } })
+        EXPECT_THROW(DiagnosticRecorder(seconds, channels, 48000, mainExecutor), std::invalid_argument);
+
     DiagnosticRecorder recorder(1, 2, 48000, mainExecutor, [] { return exampleTime; });
     pushPattern(recorder, 0, 4800, 480);
     const mode_t previous = ::umask(0);
@@ -284,4 +244,9 @@ TEST_F(DiagnosticRecorderTest, CapturesArePrivateAndNeverFollowASymbolicLink)
     EXPECT_FALSE(recorder.markEvent("chunk", root / "linked", "").has_value());
     EXPECT_EQ(readText(victim), "precious");
     EXPECT_TRUE(fs::is_empty(root / "elsewhere"));
+
+    std::ofstream(root / "not-a-folder") << "x";
+    log.clear();
+    EXPECT_FALSE(recorder.markEvent("chunk", root / "not-a-folder" / "sub", "").has_value());
+    EXPECT_EQ(log.all(), std::vector<std::string> { "diagnostic capture failed: Not a directory" });
 }

@@ -6,14 +6,13 @@
 
 #include <atomic>
 #include <fcntl.h>
-#include <fstream>
 #include <regex>
 #include <sstream>
 #include <thread>
 #include <unistd.h>
-#include <vector>
 
 using namespace sorva;
+namespace fs = std::filesystem;
 
 namespace {
 
@@ -27,10 +26,9 @@ std::vector<std::string> splitLines(const std::string& text)
 }
 
 // "[" + time of day as the locale writes it + "] " + message.
-const std::regex timedLine(R"(\[\d{1,2}:\d{2}:\d{2}( ?[AaPp]\.?[Mm]\.?)?\] (.*))");
-
 std::string messageOf(const std::string& line)
 {
+    static const std::regex timedLine(R"(\[\d{1,2}:\d{2}:\d{2}( ?[AaPp]\.?[Mm]\.?)?\] (.*))");
     std::smatch match;
     EXPECT_TRUE(std::regex_match(line, match, timedLine)) << line;
     return match.size() > 2 ? match[2].str() : "";
@@ -41,9 +39,6 @@ class EQLogTest : public ::testing::Test {
 protected:
     void SetUp() override
     {
-        std::string pattern = (std::filesystem::temp_directory_path() / "sorva-log-test-XXXXXX").string();
-        folder = ::mkdtemp(pattern.data());
-        EQLog::setDirectoryForTesting(folder);
         std::fflush(stderr);
         savedError = ::dup(2);
         const int capture = ::open((folder / "stderr").c_str(), O_CREAT | O_WRONLY | O_TRUNC | O_CLOEXEC, 0600);
@@ -55,13 +50,11 @@ protected:
         standardError();
         ::dup2(savedError, 2);
         ::close(savedError);
-        EQLog::setDirectoryForTesting(std::nullopt);
-        std::filesystem::remove_all(folder);
     }
     std::vector<std::string> fileLines()
     {
         EQLog::flush();
-        return splitLines(readText(folder / "sorva-diagnostic.log"));
+        return splitLines(readText(file));
     }
     std::string standardError()
     {
@@ -70,7 +63,8 @@ protected:
         return readText(folder / "stderr");
     }
 
-    std::filesystem::path folder;
+    LogFolder logFolder;
+    const fs::path folder = logFolder.path, file = folder / "sorva-diagnostic.log";
     int savedError = -1;
 };
 
@@ -78,7 +72,7 @@ protected:
 
 TEST_F(EQLogTest, LinesGoToTheFileStandardErrorAndTheObserverInCallOrder)
 {
-    ASSERT_FALSE(std::filesystem::exists(folder / "sorva-diagnostic.log"));
+    ASSERT_FALSE(fs::exists(file));
     std::vector<std::string> observed;
     EQLog::setObserver([&](const std::string& message) { observed.push_back(message); });
     int evaluations = 0;
@@ -89,15 +83,15 @@ TEST_F(EQLogTest, LinesGoToTheFileStandardErrorAndTheObserverInCallOrder)
 
     EXPECT_EQ(evaluations, 1) << "a lazy message is evaluated exactly once";
     EXPECT_EQ(observed, (std::vector<std::string> { "first", "1nd", "third part one\nthird part two" }));
-    const auto file = fileLines();
-    ASSERT_EQ(file.size(), 4u);
-    EXPECT_EQ((std::vector { messageOf(file[0]), messageOf(file[1]), messageOf(file[2]), file[3] }),
+    const auto lines = fileLines();
+    ASSERT_EQ(lines.size(), 4u);
+    EXPECT_EQ((std::vector { messageOf(lines[0]), messageOf(lines[1]), messageOf(lines[2]), lines[3] }),
               (std::vector<std::string> { "first", "1nd", "third part one", "third part two" }));
-    EXPECT_EQ(readText(folder / "sorva-diagnostic.log").back(), '\n');
+    EXPECT_EQ(readText(file).back(), '\n');
     EXPECT_EQ(standardError(), "[sorva] first\n[sorva] 1nd\n[sorva] third part one\nthird part two\n");
-    EXPECT_EQ(EQLog::logFilePath(), folder / "sorva-diagnostic.log");
+    EXPECT_EQ(EQLog::logFilePath(), file);
     EXPECT_EQ(EQLog::diagnosticsDirectory(), folder / "sorva-diagnostics");
-    EXPECT_FALSE(std::filesystem::exists(folder / "sorva-diagnostics")) << "never created by the log";
+    EXPECT_FALSE(fs::exists(folder / "sorva-diagnostics")) << "never created by the log";
 }
 
 // One LogOnce per round shared by eight threads; in the first round every
@@ -109,22 +103,17 @@ TEST_F(EQLogTest, ManyThreadsLogOnceAndWholeLinesInTheirOwnOrder)
     std::atomic<int> evaluated { 0 };
     for (int round = 0; round < 10; ++round) {
         LogOnce once;
-        std::vector<std::thread> threads;
+        std::vector<std::jthread> threads;
         for (int t = 0; t < threadCount; ++t)
             threads.emplace_back([&, t, round] {
                 once.log([&] { return std::to_string(++evaluated) + " layout"; });
                 for (int i = 0; round == 0 && i < perThread; ++i)
                     EQLog::trace("thread " + std::to_string(t) + " line " + std::to_string(i) + " " + padding);
             });
-        for (auto& thread : threads)
-            thread.join();
     }
     EXPECT_EQ(evaluated.load(), 10) << "each LogOnce evaluates its message once";
     const std::regex message(R"(thread (\d+) line (\d+) x{200}|\d+ layout)");
-    const auto errorLines = splitLines(standardError());
-    EXPECT_EQ(errorLines.size(), size_t(threadCount * perThread + 10));
-    for (const auto& line : errorLines)
-        ASSERT_TRUE(line.starts_with("[sorva] ") && std::regex_match(line.substr(8), message)) << line;
+    EXPECT_EQ(splitLines(standardError()).size(), size_t(threadCount * perThread + 10));
     std::vector<int> next(threadCount, 0);
     std::smatch parts;
     for (const auto& line : fileLines()) {
@@ -137,30 +126,27 @@ TEST_F(EQLogTest, ManyThreadsLogOnceAndWholeLinesInTheirOwnOrder)
     EXPECT_EQ(next, std::vector<int>(threadCount, perThread));
 }
 
-TEST_F(EQLogTest, AnUnusableFolderLosesOnlyTheFileLines)
+TEST_F(EQLogTest, TheFileIsPrivateAndALinkAtItsNameOrAnUnusableFolderLosesOnlyTheFileLines)
 {
-    EQLog::setDirectoryForTesting(folder / "missing" / "deeper");
-    EQLog::trace("still traced");
-    EXPECT_EQ(standardError(), "[sorva] still traced\n");
-    EXPECT_FALSE(std::filesystem::exists(folder / "missing"));
-}
-
-TEST_F(EQLogTest, TheFileIsPrivateAndASymbolicLinkAtItsNameIsRefused)
-{
-    const auto log = folder / "sorva-diagnostic.log";
     const auto victim = folder / "victim";
     std::ofstream(victim) << "precious\n";
-    std::filesystem::create_symlink(victim, log);
+    fs::create_symlink(victim, file);
     EQLog::trace("first");
     EQLog::trace("second");
     EXPECT_EQ(readText(victim), "precious\n");
-    EXPECT_TRUE(std::filesystem::is_symlink(log)) << "the planted link is left for the user to see";
-    EXPECT_NE(standardError().find("[sorva] log file refused: " + log.string() + " is a symbolic link\n"), std::string::npos);
+    EXPECT_TRUE(fs::is_symlink(file)) << "the planted link is left for the user to see";
+    EXPECT_NE(standardError().find("[sorva] log file refused: " + file.string() + " is a symbolic link\n"),
+              std::string::npos);
 
-    std::filesystem::remove(log);
+    fs::remove(file);
     const mode_t previous = ::umask(0);
     EQLog::trace("third");
     EXPECT_EQ(fileLines().size(), 1u);
     ::umask(previous);
-    EXPECT_EQ(std::filesystem::status(log).permissions(), std::filesystem::perms::owner_read | std::filesystem::perms::owner_write);
+    EXPECT_EQ(fs::status(file).permissions(), fs::perms::owner_read | fs::perms::owner_write);
+
+    EQLog::setDirectoryForTesting(folder / "missing" / "deeper");
+    EQLog::trace("still traced");
+    EXPECT_TRUE(standardError().ends_with("[sorva] still traced\n"));
+    EXPECT_FALSE(fs::exists(folder / "missing"));
 }

@@ -1,22 +1,30 @@
-// Helpers shared by the engine, render-path and recorder tests: a capture of the
-// trace log, a one-buffer list over a test's samples, the tap both engines make
-// and the samples of a captured WAV file.
+// Helpers shared by the engine, render-path, recorder and log tests: a capture
+// of the trace log, a folder for the log, a one-buffer list over a test's
+// samples, the simulated system both engines run on, the tap they make and the
+// samples of a captured WAV file.
 // Threads: LogLines may be written from any thread; the rest is single-threaded.
 #pragma once
 
 #include "Audio/EQLog.h"
 #include "Platform/AudioTypes.h"
+#include "Platform/ManualMainExecutor.h"
+#include "Platform/MonotonicClock.h"
+#include "Platform/Simulated/SimulatedAudioHardware.h"
 #include "Platform/TapDescription.h"
 
+#include <atomic>
 #include <bit>
 #include <cctype>
+#include <chrono>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <iterator>
 #include <memory>
 #include <mutex>
 #include <string>
+#include <unistd.h>
 #include <vector>
 
 namespace sorva {
@@ -62,6 +70,25 @@ private:
     std::shared_ptr<State> state = std::make_shared<State>();
 };
 
+// A fresh folder the log (and so the recorder's diagnostics) write to while alive.
+struct LogFolder {
+    LogFolder()
+    {
+        std::string pattern = (std::filesystem::temp_directory_path() / "sorva-test-XXXXXX").string();
+        path = ::mkdtemp(pattern.data());
+        EQLog::setDirectoryForTesting(path);
+    }
+    ~LogFolder()
+    {
+        EQLog::flush();
+        EQLog::setDirectoryForTesting(std::nullopt);
+        std::filesystem::remove_all(path);
+    }
+    LogFolder(const LogFolder&) = delete;
+    LogFolder& operator=(const LogFolder&) = delete;
+    std::filesystem::path path;
+};
+
 // A one-buffer list over samples (interleaved, channels per frame).
 struct OneBuffer {
     OneBuffer(std::vector<float>& samples, uint32_t channels)
@@ -71,6 +98,40 @@ struct OneBuffer {
     OneBuffer(const OneBuffer&) = delete;
     AudioBuffer buffer;
     AudioBufferList list { 1, &buffer };
+};
+
+// Speakers and headphones on a simulated audio system, the main thread (run by
+// the test), a clock the test moves and a wait that only records what an engine
+// waits for, running duringWait meanwhile.
+struct SimulatedSystem {
+    std::function<void(std::chrono::nanoseconds)> recordingWait()
+    {
+        return [this](std::chrono::nanoseconds duration) {
+            waits.push_back(duration);
+            if (duringWait)
+                duringWait();
+        };
+    }
+    NanosecondClock testClock()
+    {
+        return [this] { return now.load(); };
+    }
+    // Delivers the listener notifications and runs what they posted to the main thread.
+    void settle()
+    {
+        hardware.drainListenerQueues();
+        executor.runPending();
+    }
+
+    LogLines log;
+    SimulatedAudioHardware hardware;
+    ManualMainExecutor executor;
+    AudioObjectID speakers = hardware.addOutputDevice("Speakers", "speakers-uid", 48000.0);
+    AudioObjectID headphones = hardware.addOutputDevice("Headphones", "headphones-uid", 44100.0);
+    std::atomic<uint64_t> now { 100'000'000'000ull };
+    std::vector<std::chrono::nanoseconds> waits;
+    std::function<void()> duringWait;
+    int configurationChanges = 0;
 };
 
 inline std::string uppercase(std::string text)

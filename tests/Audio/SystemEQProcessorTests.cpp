@@ -1,25 +1,19 @@
 // The single-device engine on the simulated audio system: what start builds,
-// every failed set-up step, stop, the fades, the environment switches, the
-// listeners and the recorder's capture.
+// every failed set-up step, stop, the fades, the environment switches and the
+// listeners. Its render path is driven block by block in RenderPathTests.
+#include "Audio/BufferedEQProcessor.h"
 #include "Audio/SystemEQProcessor.h"
 #include "EngineTestSupport.h"
 #include "Models/EQConfig.h"
-#include "Platform/ManualMainExecutor.h"
-#include "Platform/Simulated/SimulatedAudioHardware.h"
+#include "Platform/Simulated/SimulatedOutputEngine.h"
 #include "Platform/Simulated/SimulatedRealtimeDriver.h"
 
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <cstdlib>
-#include <cstring>
-#include <fstream>
-#include <iterator>
-#include <limits>
-#include <random>
-#include <sstream>
+#include <string_view>
+#include <tuple>
 #include <thread>
-#include <unistd.h>
 
 using namespace sorva;
 using namespace std::chrono_literals;
@@ -34,47 +28,18 @@ struct ScopedEnvironment {
     const char* name;
 };
 
-struct Engine : ::testing::Test {
-    Engine()
-    {
-        std::filesystem::create_directories(folder);
-        EQLog::setDirectoryForTesting(folder);
-    }
-    ~Engine() override
-    {
-        engine.reset();
-        EQLog::flush();
-        EQLog::setDirectoryForTesting(std::nullopt);
-        std::filesystem::remove_all(folder);
-    }
-
+// The log folder outlives the engine, whose recorder captures there.
+struct Engine : ::testing::Test, LogFolder, SimulatedSystem {
     // A new engine (replacing the last one), started on the default device.
     SystemEQProcessor& started(const std::vector<EQBand>& bands = EQConfig::defaultConfig().bands, double gain = 0.0)
     {
-        auto wait = [this](std::chrono::nanoseconds duration) {
-            waits.push_back(duration);
-            if (duringWait)
-                duringWait();
-        };
-        engine = std::make_unique<SystemEQProcessor>(5, hardware, executor, wait, [this] { return now.load(); });
+        engine = std::make_unique<SystemEQProcessor>(5, hardware, executor, recordingWait(), testClock());
         engine->onConfigurationChange = [this] {
             callbackOnMainThread = executor.isMainThread();
             ++configurationChanges;
         };
         engine->start(bands, gain);
         return *engine;
-    }
-
-    void startFails(const std::string& description, bool permission = false)
-    {
-        try {
-            started();
-            ADD_FAILURE() << "start succeeded";
-        } catch (const AudioTapError& error) {
-            EXPECT_EQ(error.errorDescription(), description);
-            EXPECT_EQ(error.isPermissionDenied(), permission);
-        }
-        EXPECT_TRUE(hardware.nothingAlive());
     }
 
     // One cycle of the engine's aggregate with a stereo input block.
@@ -98,23 +63,6 @@ struct Engine : ::testing::Test {
         return -1;
     }
 
-    void settle()
-    {
-        hardware.drainListenerQueues();
-        executor.runPending();
-    }
-
-    std::filesystem::path folder = std::filesystem::path(::testing::TempDir())
-        / ("sorva-engine-" + std::to_string(::getpid()));
-    LogLines log;
-    SimulatedAudioHardware hardware;
-    ManualMainExecutor executor;
-    AudioObjectID speakers = hardware.addOutputDevice("Speakers", "speakers-uid", 48000.0);
-    AudioObjectID headphones = hardware.addOutputDevice("Headphones", "headphones-uid", 44100.0);
-    std::atomic<uint64_t> now { 100'000'000'000ull };
-    std::vector<std::chrono::nanoseconds> waits;
-    std::function<void()> duringWait;
-    int configurationChanges = 0;
     bool callbackOnMainThread = false;
     std::unique_ptr<SystemEQProcessor> engine;
 };
@@ -152,54 +100,82 @@ TEST_F(Engine, StartBuildsTheTapAndAggregateOnTheDefaultDeviceAndStopRemovesThem
     EXPECT_EQ(waits.size(), 1u) << "no second fade or wait";
 }
 
-TEST_F(Engine, EveryFailedSetUpStepReportsItsErrorAndLeavesNothingBehind)
+// Both engines build their tap chain with the same steps; a refused step is reported and undoes what was built.
+TEST_F(Engine, BothEnginesReportEveryFailedSetUpStepAndLeaveNothingBehind)
 {
     const auto failed = [](const char* call, OSStatus status) {
         return std::string(call) + " failed (OSStatus " + std::to_string(status) + ")";
     };
     const std::string noDevice = failed("No default output device", -1);
     const std::string denied = "System audio recording permission not granted";
+    const std::optional<std::string> starts; // not a step of this engine
     struct Row {
         const char* what;
-        std::function<void()> inject;
-        std::string description;
-        bool permission = false;
-        bool fadedOut = false; // stop found a registered IO procedure
+        std::function<void()> arrange;
+        std::optional<std::string> single, buffered = single;
     };
     const auto inject = [&](Call call, OSStatus status) { return [=, this] { hardware.injectStatus(call, status); }; };
-    const std::vector<Row> rows {
+    const Row rows[] {
         { "default unreadable", inject(Call::defaultOutputDevice, -10851), noDevice },
         { "no default device", [&] { hardware.setDefaultOutputDevice(0); }, noDevice },
-        { "UID unreadable", inject(Call::deviceUID, kAudioHardwareBadObjectError), noDevice },
+        { "UID unreadable", inject(Call::deviceUID, kAudioHardwareBadObjectError), noDevice, starts },
         { "own process unknown", inject(Call::translatePIDToProcessObject, -66),
           failed("TranslatePIDToProcessObject", -66) },
-        { "permission (nope)", inject(Call::createProcessTap, kAudioHardwarePermissionDenied), denied, true },
-        { "permission (1)", inject(Call::createProcessTap, 1), denied, true },
+        // The buffered engine reports a refused permission as the status it got.
+        { "permission (nope)", inject(Call::createProcessTap, kAudioHardwarePermissionDenied), denied,
+          failed("AudioHardwareCreateProcessTap", kAudioHardwarePermissionDenied) },
+        { "permission (1)", inject(Call::createProcessTap, 1), denied, failed("AudioHardwareCreateProcessTap", 1) },
         { "tap refused", inject(Call::createProcessTap, -50), failed("AudioHardwareCreateProcessTap", -50) },
+        { "tap without a rate", [&] { hardware.setTapSampleRate(0.0); }, starts, failed("Tap sample rate", -50) },
         { "aggregate refused", inject(Call::createAggregateDevice, -50),
           failed("AudioHardwareCreateAggregateDevice", -50) },
         { "IO procedure refused", inject(Call::createIOProcID, kAudioHardwareBadDeviceError),
           failed("AudioDeviceCreateIOProcIDWithBlock", kAudioHardwareBadDeviceError) },
         { "IO procedure without ID", [&] { hardware.setCreateIOProcLeavesIDEmpty(true); },
           failed("AudioDeviceCreateIOProcIDWithBlock", 0) },
+        // Stop finds a registered IO procedure: it plays the fade-out first.
         { "device start refused", inject(Call::startDevice, kAudioHardwareNotRunningError),
-          failed("AudioDeviceStart", kAudioHardwareNotRunningError), false, true },
+          failed("AudioDeviceStart", kAudioHardwareNotRunningError) },
     };
-    for (const Row& row : rows) {
-        SCOPED_TRACE(row.what);
+    const auto expectFailure = [&](auto& engine, const Row& row, const std::string& description) {
         hardware.clearInjectedStatuses();
         hardware.setCreateIOProcLeavesIDEmpty(false);
         hardware.setDefaultOutputDevice(speakers);
+        hardware.setTapSampleRate(48000.0);
         waits.clear();
-        row.inject();
-        startFails(row.description, row.permission);
-        EXPECT_EQ(executor.activeTimers(), 0u) << "the recorder never started capturing";
-        EXPECT_EQ(waits.size(), row.fadedOut ? 1u : 0u);
-        EXPECT_EQ(engine->currentTapID() + engine->currentAggregateID() + engine->currentIOProcID(), 0u);
+        row.arrange();
+        try {
+            engine.start(EQConfig::defaultConfig().bands, 0.0);
+            ADD_FAILURE() << "start succeeded";
+        } catch (const AudioTapError& error) {
+            EXPECT_EQ(error.errorDescription(), description);
+            EXPECT_EQ(error.isPermissionDenied(), description == denied);
+        }
+        EXPECT_TRUE(hardware.nothingAlive());
+        EXPECT_EQ(engine.currentTapID() + engine.currentAggregateID() + engine.currentIOProcID(), 0u);
+        EXPECT_EQ(waits.size(), std::string_view(row.what) == "device start refused" ? 1u : 0u);
+    };
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.what);
+        if (row.single) {
+            SystemEQProcessor single(5, hardware, executor, recordingWait(), testClock());
+            expectFailure(single, row, *row.single);
+            EXPECT_EQ(executor.activeTimers(), 0u) << "the recorder never started capturing";
+        }
+        if (row.buffered) {
+            auto engine = std::make_unique<SimulatedOutputEngine>();
+            const SimulatedOutputEngine& output = *engine;
+            BufferedEQProcessor buffered(5, 125.0, hardware, std::move(engine), executor, recordingWait(), testClock());
+            expectFailure(buffered, row, *row.buffered);
+            EXPECT_FALSE(output.isRunning() || output.observerCount());
+        }
     }
-    EXPECT_EQ(log.count("single-device processor started", true), 0);
+    for (const std::string& line : log.all())
+        EXPECT_EQ(line.find("processor started"), std::string::npos) << line;
 }
 
+// The real graph shows the named program routed alone; here the tap's selection and what happens when the
+// program's process cannot be read or is not there.
 TEST_F(Engine, TestModeTapsOnlyTheNamedApplicationWhenItRuns)
 {
     const AudioObjectID player = hardware.addProcess(4242, true, std::string("org.example.player"));
@@ -209,16 +185,15 @@ TEST_F(Engine, TestModeTapsOnlyTheNamedApplicationWhenItRuns)
     ASSERT_TRUE(tap);
     EXPECT_EQ(tap->processSelection, TapDescription::ProcessSelection::stereoMixdownOfProcesses);
     EXPECT_EQ(tap->processes, std::vector<AudioObjectID> { player });
-    EXPECT_EQ(log.count("TEST MODE — tapping only pid 4242 for org.example.player"), 1);
 
     engine.reset();
     hardware.injectStatus(Call::translatePIDToProcessObject, -3, 1, 1); // own PID passes, the player's fails
-    startFails("TranslatePIDToProcessObject failed (OSStatus -3)");
+    EXPECT_THROW(started(), AudioTapError);
+    EXPECT_TRUE(hardware.nothingAlive());
 
     ::setenv("SORVA_TAP_ONLY_BUNDLE_ID", "org.example.absent", 1);
     EXPECT_EQ(hardware.tapDescriptionOf(started().currentTapID())->processSelection,
               TapDescription::ProcessSelection::stereoGlobalTapButExcludeProcesses);
-    EXPECT_EQ(log.count("TEST MODE", true), 1);
 }
 
 TEST_F(Engine, BufferSizeIsRequestedOnlyForAnUnsignedNumberAndARefusalIsLogged)
@@ -239,29 +214,25 @@ TEST_F(Engine, BufferSizeIsRequestedOnlyForAnUnsignedNumberAndARefusalIsLogged)
 
 TEST_F(Engine, FadesLastOneHundredFiftyMillisecondsInAndOneHundredTwentyOut)
 {
-    struct Case {
-        std::function<void()> setUp;
-        double rate;
-        int64_t fadeIn, fadeOut;
+    // The speakers' nominal rate (-1: 44.1 kHz but unreadable; 0 and unreadable fall back to 48 kHz), the rate the
+    // engine runs at and the fades' lengths.
+    const std::tuple<double, double, int64_t, int64_t> cases[] = {
+        { 48000.0, 48000.0, 7200, 5760 }, { 44100.0, 44100.0, 6615, 5292 },
+        { -1.0, 48000.0, 7200, 5760 },    { 0.0, 48000.0, 7200, 5760 },
     };
-    const Case cases[] = {
-        { [] {}, 48000.0, 7200, 5760 },
-        { [&] { hardware.setNominalSampleRate(speakers, 44100.0); }, 44100.0, 6615, 5292 },
-        { [&] { hardware.injectStatus(Call::nominalSampleRate, -1, 1); }, 48000.0, 7200, 5760 },
-        { [&] { hardware.setNominalSampleRate(speakers, 0.0); }, 48000.0, 7200, 5760 },
-    };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.rate);
-        hardware.setNominalSampleRate(speakers, 48000.0);
-        c.setUp();
-        EXPECT_EQ(started().sampleRate, c.rate);
+    for (const auto& [nominal, rate, fadeIn, fadeOut] : cases) {
+        SCOPED_TRACE(nominal);
+        hardware.setNominalSampleRate(speakers, nominal < 0 ? 44100.0 : nominal);
+        if (nominal < 0)
+            hardware.injectStatus(Call::nominalSampleRate, -1, 1);
+        EXPECT_EQ(started().sampleRate, rate);
         // Flat bands at 0 dB: the output is the input times the fade gain.
-        EXPECT_EQ(firstFrameAt(0.5f), c.fadeIn);
-        int64_t fadeOut = -1;
-        duringWait = [&] { fadeOut = firstFrameAt(0.0f); }; // the fade-out plays during stop's wait
+        EXPECT_EQ(firstFrameAt(0.5f), fadeIn);
+        int64_t silentFrom = -1;
+        duringWait = [&] { silentFrom = firstFrameAt(0.0f); }; // the fade-out plays during stop's wait
         engine->stop();
         duringWait = nullptr;
-        EXPECT_EQ(fadeOut, c.fadeOut);
+        EXPECT_EQ(silentFrom, fadeOut);
     }
 }
 
@@ -342,101 +313,4 @@ TEST_F(Engine, RunsAgainstAnIOThreadWhileTheMainThreadUpdatesAndPolls)
     driver.stop();
     EXPECT_GT(frames + eq.stats.snapshot().frames, 5 * 48);
     EXPECT_TRUE(hardware.nothingAlive());
-}
-
-namespace {
-
-// The blocks one render path touches, with a context over them.
-struct RenderPath {
-    explicit RenderPath(ManualMainExecutor& executor)
-        : recorder(0.25, 2, 48000.0, executor)
-    {
-        eq.update({ EQBand("Bass", 30, 9), EQBand("Low-Mid", 125, -4), EQBand("Mid", 500, 2),
-                    EQBand("High-Mid", 2000, 0), EQBand("Treble", 8000, -6) },
-                  1.5, 48000.0);
-        fade.start(7200, 1.0f);
-    }
-    StreamStats stats;
-    SilenceGate gate;
-    BiquadEQ eq { 5, 2 };
-    DiagnosticRecorder recorder;
-    RenderTiming timing;
-    FadeRamp fade;
-    SpectrumAnalyzer spectrum;
-    std::vector<float> scratch = std::vector<float>(SystemEQProcessor::diagnosticScratchCapacity);
-    SystemEQProcessor::IOCycleContext context { {},    stats,    static_cast<int64_t>(scratch.size()),
-                                                scratch.data(), gate, 48000.0, eq, recorder, timing, fade, spectrum };
-};
-
-std::vector<char> fileBytes(const std::filesystem::path& file)
-{
-    std::ifstream in(file, std::ios::binary);
-    return { std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>() };
-}
-
-} // namespace
-
-// PipeWire hands the render path planar stereo; every block it feeds must
-// see exactly what the interleaved layout gives them: the output, the
-// statistics, the spectrum and both diagnostic rings, through the fade-in,
-// a NaN, a block longer than the spectrum's ring, the silence gate closing
-// after a second and opening again.
-TEST_F(Engine, PlanarCyclesMatchInterleavedCyclesInEveryBlock)
-{
-    RenderPath interleaved(executor), planar(executor);
-    std::mt19937 random(11);
-    std::uniform_real_distribution<float> sample(-0.8f, 0.8f);
-    struct Run {
-        int blocks;
-        int64_t frames;
-        bool sound;
-    };
-    const Run runs[] = { { 20, 256, true }, { 1, 3000, true }, { 200, 256, false }, { 4, 128, true } };
-    int blockNumber = 0;
-    for (const Run& run : runs) {
-        for (int b = 0; b < run.blocks; ++b, ++blockNumber) {
-            std::vector<float> frames(static_cast<size_t>(2 * run.frames), 0.0f);
-            if (run.sound)
-                for (float& value : frames)
-                    value = sample(random);
-            if (blockNumber == 5)
-                frames[7] = std::numeric_limits<float>::quiet_NaN();
-
-            std::vector<float> out(frames.size());
-            OneBuffer in1(frames, 2), out1(out, 2);
-            SystemEQProcessor::processIOCycle(interleaved.context, &in1.list, &out1.list);
-
-            std::vector<float> left(static_cast<size_t>(run.frames)), right(left.size());
-            for (int64_t i = 0; i < run.frames; ++i) {
-                left[static_cast<size_t>(i)] = frames[static_cast<size_t>(2 * i)];
-                right[static_cast<size_t>(i)] = frames[static_cast<size_t>(2 * i + 1)];
-            }
-            std::vector<float> outLeft(left.size()), outRight(left.size());
-            const auto bytes = static_cast<uint32_t>(left.size() * sizeof(float));
-            AudioBuffer inBuffers[2] = { { 1, bytes, left.data() }, { 1, bytes, right.data() } };
-            AudioBuffer outBuffers[2] = { { 1, bytes, outLeft.data() }, { 1, bytes, outRight.data() } };
-            AudioBufferList inList { 2, inBuffers }, outList { 2, outBuffers };
-            SystemEQProcessor::processIOCycle(planar.context, &inList, &outList);
-
-            std::vector<float> joined(out.size());
-            for (size_t i = 0; i < left.size(); ++i) {
-                joined[2 * i] = outLeft[i];
-                joined[2 * i + 1] = outRight[i];
-            }
-            ASSERT_EQ(std::memcmp(joined.data(), out.data(), out.size() * sizeof(float)), 0) << "block " << blockNumber;
-        }
-        const StreamStats::Snapshot a = interleaved.stats.snapshot(), b = planar.stats.snapshot();
-        EXPECT_EQ(a.frames, b.frames);
-        EXPECT_EQ(a.peak, b.peak);
-        EXPECT_EQ(interleaved.gate.isGated(), planar.gate.isGated());
-        EXPECT_EQ(interleaved.spectrum.levels(), planar.spectrum.levels());
-    }
-    EXPECT_FALSE(planar.gate.isGated()) << "sound opens the gate again";
-
-    const auto a = interleaved.recorder.markEvent("a", folder / "interleaved", "");
-    const auto b = planar.recorder.markEvent("a", folder / "planar", "");
-    ASSERT_TRUE(a && b);
-    EXPECT_EQ(fileBytes(a->raw), fileBytes(b->raw));
-    EXPECT_EQ(fileBytes(a->processed), fileBytes(b->processed));
-    EXPECT_EQ(fileBytes(a->processed).size(), 44u + 12000u * 8u);
 }

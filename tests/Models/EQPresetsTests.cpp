@@ -11,23 +11,21 @@ using namespace sorva;
 TEST(EQConfig, DefaultHasFiveFlatBandsLowToHighEachWithItsOwnUuid)
 {
     const EQConfig& config = EQConfig::defaultConfig();
-    ASSERT_EQ(config.bands.size(), 5u);
-    const char* labels[] = { "Bass", "Low-Mid", "Mid", "High-Mid", "Treble" };
-    const double frequencies[] = { 30, 125, 500, 2000, 8000 };
+    const std::vector<std::pair<std::string, double>> bands { { "Bass", 30 }, { "Low-Mid", 125 }, { "Mid", 500 },
+                                                              { "High-Mid", 2000 }, { "Treble", 8000 } };
+    std::vector<std::pair<std::string, double>> actual;
     std::set<std::string> ids;
-    for (size_t i = 0; i < 5; ++i) {
-        EXPECT_EQ(config.bands[i].label, labels[i]);
-        EXPECT_EQ(config.bands[i].frequency, frequencies[i]);
-        EXPECT_EQ(config.bands[i].gain, 0.0);
-        ids.insert(config.bands[i].id);
+    for (const EQBand& band : config.bands) {
+        actual.emplace_back(band.label, band.frequency);
+        EXPECT_EQ(band.gain, 0.0);
+        ids.insert(band.id);
     }
+    EXPECT_EQ(actual, bands);
     EXPECT_EQ(ids.size(), 5u);
     EXPECT_EQ(config.outputGain, 0.0);
-    EXPECT_EQ(&EQConfig::defaultConfig(), &config) << "built once";
-    EQBand a("Mid", 500, 0), b("Mid", 500, 0);
-    EXPECT_NE(a.id, b.id);
-    ASSERT_EQ(a.id.size(), 36u);
-    EXPECT_EQ(a.id[14], '4') << "version 4 UUID";
+    const EQBand band("Mid", 500, 0);
+    ASSERT_EQ(band.id.size(), 36u);
+    EXPECT_EQ(band.id[14], '4') << "version 4 UUID";
 }
 
 TEST(EQPresets, TableInPillOrder)
@@ -40,21 +38,18 @@ TEST(EQPresets, TableInPillOrder)
 
 TEST(EQPresets, MatchingUsesStrictHalfDecibelToleranceOnBandGainsOnly)
 {
-    const auto matching = [](std::vector<double> gains) -> std::string {
+    const std::pair<std::vector<double>, std::string> cases[] = {
+        { { 20.4, 2, -12, -2, 2 }, "AirPods" }, { { 19.51, 2.49, -12.49, -1.51, 2 }, "AirPods" },
+        { { 20.5, 2, -12, -2, 2 }, "none" },    { { 19.5, 2, -12, -2, 2 }, "none" },
+        { { 10, 0, -2, -6, 2 }, "Rock" },       { { 10, 0, -2, -6 }, "none" },
+        { { 10, 0, -2, -6, 2, 0 }, "none" },    { {}, "none" },
+        { { NAN, 0, -2, -6, 2 }, "none" },      { { 0, 0, 0, 0, 0 }, "none" },
+    };
+    for (const auto& [gains, name] : cases) {
         std::vector<EQBand> bands;
         for (double gain : gains)
             bands.emplace_back("x", 1, gain); // labels and frequencies play no part
         const auto preset = EQPresets::matching(bands);
-        return preset ? preset->name : "none";
-    };
-    EXPECT_EQ(matching({ 20.4, 2, -12, -2, 2 }), "AirPods");
-    EXPECT_EQ(matching({ 19.51, 2.49, -12.49, -1.51, 2 }), "AirPods");
-    EXPECT_EQ(matching({ 20.5, 2, -12, -2, 2 }), "none");
-    EXPECT_EQ(matching({ 19.5, 2, -12, -2, 2 }), "none");
-    EXPECT_EQ(matching({ 10, 0, -2, -6, 2 }), "Rock");
-    EXPECT_EQ(matching({ 10, 0, -2, -6 }), "none");
-    EXPECT_EQ(matching({ 10, 0, -2, -6, 2, 0 }), "none");
-    EXPECT_EQ(matching({}), "none");
-    EXPECT_EQ(matching({ NAN, 0, -2, -6, 2 }), "none");
-    EXPECT_EQ(matching({ 0, 0, 0, 0, 0 }), "none");
+        EXPECT_EQ(preset ? preset->name : "none", name) << testing::PrintToString(gains);
+    }
 }
