@@ -1,7 +1,6 @@
-// Helpers for tests that run the built `sorva` program on real files: a
-// scratch folder, running the program with its output captured, writing and
-// reading sound files, a music-like test signal, and a plain reference of
-// the equalizer, gain stage and limiter written from their description.
+// Helpers for tests that run the built `sorva` program on real files: running
+// the program with its output captured, writing and reading sound files, a
+// music-like test signal, and what the equalizer's plain loop makes of it.
 #pragma once
 
 #include "TestFolders.h"
@@ -34,21 +33,20 @@ struct Sound {
 void writeSound(const std::filesystem::path& path, const Sound& sound);
 Sound readSound(const std::filesystem::path& path);
 
-// Several seconds of something like music: a bass line with a kick drum
-// (content down at 30 Hz), chords, hi-hat noise (up at 8 kHz); every
-// channel mixed differently; peaks near full scale. Seeded, so repeatable.
+// Seconds of something like music: a kick drum and a bass line (content down
+// at 30 Hz), a chord, hi-hat noise (up at 8 kHz); every channel mixed
+// differently; peaks near full scale. Seeded, so repeatable.
 std::vector<float> musicLike(int64_t frames, int64_t channels, double sampleRate, uint32_t seed);
 
-struct ReferenceSettings {
-    std::vector<double> gains; // dB for 30, 125, 500, 2000, 8000 Hz
-    double outputGainDB = 0.0;
+struct Settings {
+    std::vector<double> gains; // dB, band order
+    double outputGain = 0.0; // dB
 };
 
-// Channels 0 and 1 through five peaking biquads (transposed direct form II,
-// sample by sample), then every channel through the gain stage and the peak
-// limiter, frame by frame. limitedFrames counts the frames the limiter
-// scaled down.
-std::vector<float> referenceEqualize(const std::vector<float>& input, int64_t channels, double sampleRate,
-                                     const ReferenceSettings& settings, int64_t* limitedFrames = nullptr);
+// The sound through the equalizer's plain per-band loop in one pass: the
+// filters on the first two channels, gain stage and limiter on all. The
+// equalizer itself is checked against an independent reference with the
+// audio tests; what the program adds is everything around it.
+std::vector<float> equalized(const Sound& sound, const Settings& settings);
 
 } // namespace sorva::testing
