@@ -21,6 +21,7 @@
 #include <optional>
 #include <stdexcept>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace sorva::testing {
@@ -164,6 +165,12 @@ public:
     {
         std::lock_guard guard(lines->lock);
         return lines->text;
+    }
+    // The lines so far, forgotten here.
+    std::vector<std::string> take()
+    {
+        std::lock_guard guard(lines->lock);
+        return std::exchange(lines->text, {});
     }
 
 private:
