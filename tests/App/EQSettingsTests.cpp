@@ -97,24 +97,29 @@ TEST(EQSettings, HandWrittenAndDamagedFilesLoadAsDescribed)
     struct Case {
         const char* file;
         std::vector<double> gains; // empty: the default configuration
-        double output;
+        double output = 0;
+        bool buffered = false; // the expert switches read only their own types
+        double latency = 125;
     };
     const Case cases[] = {
-        { "[General]\nbandGains=30, -30, 0, 5, -5\noutputGain=9\n", { 24, -24, 0, 5, -5 }, 6 },
-        { "[General]\nbandGains=1, 2, 3, 4, 5\noutputGain=-9\n", { 1, 2, 3, 4, 5 }, -6 },
-        { "[General]\nbandGains=1, 2, 3, 4, 5\noutputGain=loud\n", { 1, 2, 3, 4, 5 }, 0 },
-        { "[General]\nbandGains=inf, -inf, 24, -24, 24.5\noutputGain=-inf\n", { 24, -24, 24, -24, 24 }, -6 },
-        { "[General]\nbandGains = 1 ,2,  3 , 4,5\noutputGain= 6 \n", { 1, 2, 3, 4, 5 }, 6 },
-        { "[General]\nbandGains=1, 2, 3, 4\noutputGain=3\n", {}, 0 },
-        { "[General]\nbandGains=1, 2, 3, 4, 5, 6\noutputGain=3\n", {}, 0 },
-        { "[General]\nbandGains=1, 2, loud, 4, 5\noutputGain=3\n", {}, 0 },
-        { "[General]\nbandGains=1, 2, , 4, 5\noutputGain=3\n", {}, 0 },
-        { "[General]\nbandGains=1, 2, nan, 4, 5\noutputGain=3\n", {}, 0 },
-        { "[General]\nbandGains=\"1, 2, 3", {}, 0 },
+        { "[General]\nbandGains=30, -30, 0, 5, -5\noutputGain=9\nbufferedMode=true\nbufferLatencyMs=80\n",
+          { 24, -24, 0, 5, -5 }, 6, true, 80 },
+        { "[General]\nbandGains=1, 2, 3, 4, 5\noutputGain=-9\nbufferedMode=false\nbufferLatencyMs=0\n", { 1, 2, 3, 4, 5 }, -6 },
+        { "[General]\nbandGains=1, 2, 3, 4, 5\noutputGain=loud\nbufferedMode=1\nbufferLatencyMs=-20\n", { 1, 2, 3, 4, 5 } },
+        { "[General]\nbandGains=inf, -inf, 24, -24, 24.5\noutputGain=-inf\nbufferedMode=yes\nbufferLatencyMs=fast\n",
+          { 24, -24, 24, -24, 24 }, -6 },
+        { "[General]\nbandGains = 1 ,2,  3 , 4,5\noutputGain= 6 \nbufferedMode=true, true\nbufferLatencyMs=nan\n",
+          { 1, 2, 3, 4, 5 }, 6 },
+        { "[General]\nbandGains=1, 2, 3, 4\noutputGain=3\n", {} },
+        { "[General]\nbandGains=1, 2, 3, 4, 5, 6\noutputGain=3\n", {} },
+        { "[General]\nbandGains=1, 2, loud, 4, 5\noutputGain=3\n", {} },
+        { "[General]\nbandGains=1, 2, , 4, 5\noutputGain=3\n", {} },
+        { "[General]\nbandGains=1, 2, nan, 4, 5\noutputGain=3\n", {} },
+        { "[General]\nbandGains=\"1, 2, 3", {} },
         { "[General]\nbandGains=1, 2, 3, 4, 5\noutputGain=2\n[Other]\nbandGains=9\n", { 1, 2, 3, 4, 5 }, 2 },
-        { "[General]\nbandGains=1, 2, 3, 4, 5\noutputGain=2\nbandGains=9\n", {}, 0 },
+        { "[General]\nbandGains=1, 2, 3, 4, 5\noutputGain=2\nbandGains=9\n", {} },
         { "bandGains=1, 2, 3, 4, 5\noutputGain=2\n", { 1, 2, 3, 4, 5 }, 2 },
-        { "[General\x01\xff]\nbandGains=\x00\x01\x02\xfe\n\x7f\x80=\xc3\x28\n", {}, 0 },
+        { "[General\x01\xff]\nbandGains=\x00\x01\x02\xfe\n\x7f\x80=\xc3\x28\n", {} },
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.file);
@@ -128,28 +133,6 @@ TEST(EQSettings, HandWrittenAndDamagedFilesLoadAsDescribed)
             EXPECT_EQ(config.outputGain, c.output);
             EXPECT_EQ(config.bands[4].label, "Treble");
         }
-    }
-
-}
-
-TEST(EQSettings, ExpertSwitchesReadOnlyTheirOwnTypes)
-{
-    struct Case {
-        const char* text;
-        bool buffered;
-        double latency;
-    };
-    const Case cases[] = {
-        { "bufferedMode=true\nbufferLatencyMs=80\n", true, 80 },
-        { "bufferedMode=false\nbufferLatencyMs=0\n", false, 125 },
-        { "bufferedMode=1\nbufferLatencyMs=-20\n", false, 125 },
-        { "bufferedMode=yes\nbufferLatencyMs=fast\n", false, 125 },
-        { "bufferedMode=true, true\nbufferLatencyMs=nan\n", false, 125 },
-    };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.text);
-        ConfigHome home;
-        writeFile(EQSettings::filePath(), std::string("[General]\n") + c.text);
         EXPECT_EQ(EQSettings::bufferedMode(), c.buffered);
         EXPECT_EQ(EQSettings::bufferLatencyMs(), c.latency);
     }
