@@ -10,8 +10,7 @@
 #include "Platform/Simulated/SimulatedAudioHardware.h"
 #include "Platform/Simulated/SimulatedOutputEngine.h"
 #include "Platform/SleepWatcher.h"
-#include "QtTestSupport.h"
-#include "TestFolders.h"
+#include "TestSupport.h"
 
 #include <gtest/gtest.h>
 

@@ -2,7 +2,7 @@
 // writes that keep every other key and survive a writer killed mid-write.
 #include "Models/EQSettings.h"
 
-#include "TestFolders.h"
+#include "TestSupport.h"
 
 #include <gtest/gtest.h>
 

@@ -1,7 +1,7 @@
 // Launch at login as an XDG autostart entry.
 #include "Models/LoginItem.h"
 
-#include "TestFolders.h"
+#include "TestSupport.h"
 
 #include <gtest/gtest.h>
 

@@ -2,7 +2,6 @@
 // its output compared sample for sample with the equalizer's plain loop.
 #include "App/ProgramTestSupport.h"
 #include "Models/EQSettings.h"
-#include "TestFolders.h"
 
 #include <gtest/gtest.h>
 #include <sndfile.h>

@@ -6,53 +6,29 @@
 #include <gtest/gtest.h>
 #include <sndfile.h>
 
+#include <QProcess>
+
 #include <cmath>
-#include <cstdlib>
-#include <fcntl.h>
 #include <numbers>
 #include <random>
-#include <spawn.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
-extern char** environ;
 
 namespace sorva::testing {
 
 ProgramRun runSorva(const std::vector<std::string>& arguments, const std::filesystem::path& workingFolder)
 {
-    // Captured into files outside the working folder, so that listing that
-    // folder shows only what the program left there.
-    ScratchFolder capture;
-    const std::string outPath = (capture / "out").string();
-    const std::string errPath = (capture / "err").string();
-
-    std::vector<std::string> words { SORVA_BINARY };
-    words.insert(words.end(), arguments.begin(), arguments.end());
-    std::vector<char*> argv;
-    for (std::string& word : words)
-        argv.push_back(word.data());
-    argv.push_back(nullptr);
-
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
-    posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, outPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-    posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, errPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-    posix_spawn_file_actions_addchdir_np(&actions, workingFolder.c_str());
-    pid_t child = -1;
-    const int spawned = posix_spawn(&child, SORVA_BINARY, &actions, nullptr, argv.data(), environ);
-    posix_spawn_file_actions_destroy(&actions);
-    if (spawned != 0)
-        throw std::runtime_error("cannot start " SORVA_BINARY);
-
-    int status = 0;
-    while (::waitpid(child, &status, 0) < 0 && errno == EINTR) { }
-    ProgramRun run;
-    run.exitStatus = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    run.out = readFile(outPath);
-    run.err = readFile(errPath);
-    return run;
+    qtApp();
+    QStringList words;
+    for (const std::string& word : arguments)
+        words << QString::fromStdString(word);
+    QProcess process;
+    process.setWorkingDirectory(QString::fromStdString(workingFolder.string()));
+    process.setStandardInputFile(QProcess::nullDevice());
+    process.start(QStringLiteral(SORVA_BINARY), words);
+    if (!process.waitForFinished(120000))
+        process.kill();
+    process.waitForFinished();
+    return { process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -1,
+             process.readAllStandardOutput().toStdString(), process.readAllStandardError().toStdString() };
 }
 
 void writeSound(const std::filesystem::path& path, const Sound& sound)

@@ -3,7 +3,7 @@
 // music-like test signal, and what the equalizer's plain loop makes of it.
 #pragma once
 
-#include "TestFolders.h"
+#include "TestSupport.h"
 
 #include <cstdint>
 #include <filesystem>

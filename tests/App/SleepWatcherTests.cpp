@@ -1,6 +1,5 @@
 #include "Platform/SleepWatcher.h"
-#include "QtTestSupport.h"
-#include "TestFolders.h"
+#include "TestSupport.h"
 
 #include <gtest/gtest.h>
 
