@@ -59,7 +59,7 @@ bool inAnotherProcess(const std::function<bool()>& check)
 
 } // namespace
 
-TEST(EQSettings, FirstRunGivesTheDefaultsUnderTheConfigHomeAndWritesNothing)
+TEST(EQSettings, FirstRunGivesTheDefaultsAndSavedValuesReachTheDiskExactlyKeepingEveryOtherKey)
 {
     ConfigHome home;
     EXPECT_EQ(EQSettings::filePath(), home.path / "sorva" / "sorva.conf");
@@ -67,21 +67,14 @@ TEST(EQSettings, FirstRunGivesTheDefaultsUnderTheConfigHomeAndWritesNothing)
     EXPECT_FALSE(EQSettings::bufferedMode());
     EXPECT_FALSE(EQSettings::eqEnabled());
     EXPECT_EQ(EQSettings::bufferLatencyMs(), 125.0);
-    EXPECT_FALSE(std::filesystem::exists(EQSettings::filePath()));
-    setenv("XDG_CONFIG_HOME", "relative/path", 1); // not absolute: ignored
-    EXPECT_EQ(EQSettings::filePath(), std::filesystem::path(std::getenv("HOME")) / ".config" / "sorva" / "sorva.conf");
-}
+    EXPECT_FALSE(std::filesystem::exists(EQSettings::filePath())) << "reading wrote something";
 
-TEST(EQSettings, SavedValuesReachTheDiskExactlyAndKeepEveryOtherKey)
-{
-    ConfigHome home;
     writeFile(EQSettings::filePath(), "[General]\nbufferedMode=true\nbufferLatencyMs=80\nfutureKey=kept\n"
                                       "[Other]\nsomething=else\n");
     const std::vector<double> gains { 0.1, -1.0 / 3.0, 23.999999999, -7.25, 1e-9 };
     EQSettings::saveGains(bandsWith(gains));
     EQSettings::saveOutputGain(-2.5);
     EQSettings::setEQEnabled(true);
-
     EXPECT_TRUE(inAnotherProcess([&] {
         const EQConfig config = EQSettings::loadConfig();
         return gainsOf(config) == gains && config.outputGain == -2.5 && config.bands[2].label == "Mid"
@@ -90,6 +83,9 @@ TEST(EQSettings, SavedValuesReachTheDiskExactlyAndKeepEveryOtherKey)
     const std::string text = readFile(EQSettings::filePath());
     for (const char* kept : { "bandGains=", "eqEnabled=true", "futureKey=kept", "[Other]", "something=else" })
         EXPECT_NE(text.find(kept), std::string::npos) << kept << " missing from\n" << text;
+
+    setenv("XDG_CONFIG_HOME", "relative/path", 1); // not absolute: ignored
+    EXPECT_EQ(EQSettings::filePath(), std::filesystem::path(std::getenv("HOME")) / ".config" / "sorva" / "sorva.conf");
 }
 
 TEST(EQSettings, HandWrittenAndDamagedFilesLoadAsDescribed)
