@@ -8,8 +8,6 @@
 
 #include <QProcess>
 
-#include <cmath>
-#include <numbers>
 #include <random>
 
 namespace sorva::testing {
@@ -60,32 +58,13 @@ Sound readSound(const std::filesystem::path& path)
     return sound;
 }
 
-std::vector<float> musicLike(int64_t frames, int64_t channels, double sampleRate, uint32_t seed)
+std::vector<float> noise(int64_t frames, int64_t channels, uint32_t seed)
 {
     std::mt19937 random(seed);
-    std::uniform_real_distribution<double> noise(-1.0, 1.0);
-    const double bassNotes[] = { 41.2, 55.0, 49.0, 36.7 };
+    std::uniform_real_distribution<float> uniform(-0.6f, 0.6f);
     std::vector<float> samples(static_cast<size_t>(frames * channels));
-    double kickPhase = 0, bassPhase = 0;
-    for (int64_t n = 0; n < frames; ++n) {
-        const double t = static_cast<double>(n) / sampleRate;
-        const double beat = std::fmod(t, 0.5); // a beat every half second
-        // Kick: a sine falling from 120 to 40 Hz, decaying over 0.1 s.
-        kickPhase += 2 * std::numbers::pi * (40.0 + 80.0 * std::exp(-beat / 0.03)) / sampleRate;
-        bassPhase += 2 * std::numbers::pi * bassNotes[static_cast<int64_t>(t / 0.5) % 4] / sampleRate;
-        const double kick = 0.5 * std::exp(-beat / 0.1) * std::sin(kickPhase);
-        const double bass = 0.3 * (std::sin(bassPhase) + 0.4 * std::sin(2 * bassPhase));
-        double chord = 0;
-        for (double frequency : { 220.0, 277.2, 329.6 })
-            chord += 0.08 * std::sin(2 * std::numbers::pi * frequency * t);
-        const double hat = 0.2 * std::exp(-std::fmod(t, 0.25) / 0.02) * noise(random);
-        for (int64_t c = 0; c < channels; ++c) {
-            // Each channel its own balance, so that mixing channels up shows.
-            const double pan = 1.0 - 0.3 * static_cast<double>(c % 3);
-            const double value = kick * pan + bass + chord * (2.0 - pan) + hat * (0.5 + 0.5 * pan);
-            samples[static_cast<size_t>(n * channels + c)] = static_cast<float>(0.65 * value);
-        }
-    }
+    for (float& sample : samples)
+        sample = uniform(random);
     return samples;
 }
 

@@ -1,6 +1,6 @@
 // Helpers for tests that run the built `sorva` program on real files: running
 // the program with its output captured, writing and reading sound files, a
-// music-like test signal, and what the equalizer's plain loop makes of it.
+// test signal, and what the equalizer's plain loop makes of it.
 #pragma once
 
 #include "TestSupport.h"
@@ -33,10 +33,9 @@ struct Sound {
 void writeSound(const std::filesystem::path& path, const Sound& sound);
 Sound readSound(const std::filesystem::path& path);
 
-// Seconds of something like music: a kick drum and a bass line (content down
-// at 30 Hz), a chord, hi-hat noise (up at 8 kHz); every channel mixed
-// differently; peaks near full scale. Seeded, so repeatable.
-std::vector<float> musicLike(int64_t frames, int64_t channels, double sampleRate, uint32_t seed);
+// Seeded white noise, each sample on its own, so that every band has
+// something to work on and mixing channels up shows.
+std::vector<float> noise(int64_t frames, int64_t channels, uint32_t seed);
 
 struct Settings {
     std::vector<double> gains; // dB, band order
