@@ -48,7 +48,7 @@ TEST(OfflineProcess, EveryFileAndOptionOnTheSavedConfigurationMatchesThePlainEqu
 
     ScratchFolder folder;
     const std::map<std::string, Sound> inputs {
-        { "music.wav", makeInput(folder / "music.wav", 6, 2, 44100, SF_FORMAT_WAV | SF_FORMAT_PCM_16) },
+        { "stereo.wav", makeInput(folder / "stereo.wav", 6, 2, 44100, SF_FORMAT_WAV | SF_FORMAT_PCM_16) },
         // The 8 kHz band sits above 45 % of the rate.
         { "mono.wav", makeInput(folder / "mono.wav", 5, 1, 8000, SF_FORMAT_WAV | SF_FORMAT_FLOAT) },
         // Only the first two channels are filtered; all are gain-staged and limited together.
@@ -64,15 +64,15 @@ TEST(OfflineProcess, EveryFileAndOptionOnTheSavedConfigurationMatchesThePlainEqu
         std::string output = "out.wav";
     };
     const Run runs[] = {
-        { "music.wav", {}, { { 6, -3, 4, -2, 24 }, -2 } },
+        { "stereo.wav", {}, { { 6, -3, 4, -2, 24 }, -2 } },
         // Explicit gains replace the saved ones; the saved output gain stays.
-        { "music.wav", { "--gains", "0,0,0,0,3" }, { { 0, 0, 0, 0, 3 }, -2 } },
-        { "music.wav", { "--preset", "ROCK" }, { { 10, 0, -2, -6, 2 }, -0.5 }, "out/result.wav" },
+        { "stereo.wav", { "--gains", "0,0,0,0,3" }, { { 0, 0, 0, 0, 3 }, -2 } },
+        { "stereo.wav", { "--preset", "ROCK" }, { { 10, 0, -2, -6, 2 }, -0.5 }, "out/result.wav" },
         // Explicit gains replace the preset's; its output gain stays unless given too.
-        { "music.wav", { "--preset", "vocal", "--gains", "1,2,3,4,5" }, { { 1, 2, 3, 4, 5 }, 0.0 } },
-        { "music.wav", { "--gains", "30,-30,24.5,-1e6,7", "--output-gain", "9" }, { { 24, -24, 24, -24, 7 }, 6.0 } },
+        { "stereo.wav", { "--preset", "vocal", "--gains", "1,2,3,4,5" }, { { 1, 2, 3, 4, 5 }, 0.0 } },
+        { "stereo.wav", { "--gains", "30,-30,24.5,-1e6,7", "--output-gain", "9" }, { { 24, -24, 24, -24, 7 }, 6.0 } },
         // Through a symbolic link, the file it points to is replaced.
-        { "music.wav", { "--gains=12,-6,3,0,9", "--output-gain=4.5" }, { { 12, -6, 3, 0, 9 }, 4.5 }, "latest.wav" },
+        { "stereo.wav", { "--gains=12,-6,3,0,9", "--output-gain=4.5" }, { { 12, -6, 3, 0, 9 }, 4.5 }, "latest.wav" },
         { "mono.wav", { "--gains", "-3,6,0,2,8" }, { { -3, 6, 0, 2, 8 }, -2 } },
         { "three.flac", { "--preset", "Electro", "--output-gain", "-2" }, { { 12, 4, -10, 0, 8 }, -2.0 } },
         { "three.flac", { "--gains", "0,0,0,0,0", "--output-gain", "0" }, { { 0, 0, 0, 0, 0 }, 0.0 } },
@@ -90,6 +90,7 @@ TEST(OfflineProcess, EveryFileAndOptionOnTheSavedConfigurationMatchesThePlainEqu
         EXPECT_EQ(output.format, SF_FORMAT_WAV | SF_FORMAT_FLOAT);
         EXPECT_EQ(output.sampleRate, input.sampleRate);
         ASSERT_EQ(output.channels, input.channels);
+        ASSERT_EQ(output.frames(), input.frames());
         const std::vector<float> expected = equalized(input, run.expected);
         const auto at = std::mismatch(output.samples.begin(), output.samples.end(), expected.begin(), expected.end());
         EXPECT_EQ(at.first, output.samples.end()) << "first difference at sample " << at.first - output.samples.begin();
