@@ -6,10 +6,11 @@
 #include <gtest/gtest.h>
 #include <sndfile.h>
 
+#include <QProcess>
+
 #include <algorithm>
 #include <cmath>
 #include <csignal>
-#include <fcntl.h>
 #include <fstream>
 #include <map>
 #include <optional>
@@ -219,28 +220,17 @@ TEST(OfflineProcess, ShowsProgressOnATerminalForLongFilesOnly)
 // after the first second: the run is mid-file when it is interrupted.
 TEST(OfflineProcess, AnInterruptedRunLeavesNeitherOutputNorTemporaryFile)
 {
-    ScratchFolder folder, capture;
+    ScratchFolder folder;
     makeInput(folder / "source.wav", 20, 2, 44100, SF_FORMAT_WAV | SF_FORMAT_PCM_16);
     const std::string firstSecond = readFile(folder / "source.wav").substr(0, 44 + 44100 * 4);
     std::filesystem::remove(folder / "source.wav");
-    int feed[2];
-    ASSERT_EQ(::pipe(feed), 0);
-    const pid_t child = ::fork();
-    if (child == 0) {
-        const int error = ::open((capture / "err").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-        if (error >= 0 && ::dup2(error, STDERR_FILENO) >= 0 && ::dup2(feed[0], STDIN_FILENO) >= 0 && ::close(feed[1]) == 0)
-            ::execl(SORVA_BINARY, SORVA_BINARY, "process", "/dev/stdin", (folder / "out.wav").c_str(),
-                    static_cast<char*>(nullptr));
-        ::_exit(98);
-    }
-    ::close(feed[0]);
-    // Blocks until the program reads; a program that exits instead breaks the pipe.
-    auto previous = std::signal(SIGPIPE, SIG_IGN);
-    const ssize_t written = ::write(feed[1], firstSecond.data(), firstSecond.size());
-    std::signal(SIGPIPE, previous);
-    if (written != static_cast<ssize_t>(firstSecond.size()))
-        ::kill(child, SIGKILL);
-    ASSERT_EQ(written, static_cast<ssize_t>(firstSecond.size()));
+    qtApp();
+    QProcess sorva;
+    sorva.start(QStringLiteral(SORVA_BINARY),
+                { QStringLiteral("process"), QStringLiteral("/dev/stdin"), QString::fromStdString(folder.path() / "out.wav") });
+    sorva.write(firstSecond.data(), static_cast<qint64>(firstSecond.size()));
+    while (sorva.bytesToWrite() > 0 && sorva.waitForBytesWritten(10000)) { }
+    ASSERT_EQ(sorva.bytesToWrite(), 0) << "the program stopped reading";
 
     // More than a pipe holds went through, so the program is past its set-up
     // and reading samples into its temporary output.
@@ -248,14 +238,13 @@ TEST(OfflineProcess, AnInterruptedRunLeavesNeitherOutputNorTemporaryFile)
     EXPECT_TRUE(names.size() == 1 && names[0].find(".part") != std::string::npos) << ::testing::PrintToString(names);
     // The signal is pending before the pipe closes, so the program sees it at
     // the latest when its read returns at the end of the data.
-    ::kill(child, SIGINT);
-    ::close(feed[1]);
-    int status = 0;
-    ::waitpid(child, &status, 0);
-    ASSERT_TRUE(WIFEXITED(status));
-    EXPECT_EQ(WEXITSTATUS(status), 130);
+    ::kill(static_cast<pid_t>(sorva.processId()), SIGINT);
+    sorva.closeWriteChannel();
+    ASSERT_TRUE(sorva.waitForFinished(10000));
+    EXPECT_EQ(sorva.exitStatus(), QProcess::NormalExit);
+    EXPECT_EQ(sorva.exitCode(), 130);
     EXPECT_EQ(folder.names(), std::vector<std::string> {});
-    EXPECT_EQ(readFile(capture / "err"), "sorva: interrupted\n");
+    EXPECT_EQ(sorva.readAllStandardError().toStdString(), "sorva: interrupted\n");
 }
 
 namespace {
