@@ -100,8 +100,10 @@ TEST(EQSettings, HandWrittenAndDamagedFilesLoadAsDescribed)
     const Case cases[] = {
         { "[General]\nbandGains=30, -30, 0, 5, -5\noutputGain=9\nbufferedMode=true\nbufferLatencyMs=80\n",
           { 24, -24, 0, 5, -5 }, 6, true, 80 },
-        { "[General]\nbandGains=1, 2, 3, 4, 5\noutputGain=-9\nbufferedMode=false\nbufferLatencyMs=0\n", { 1, 2, 3, 4, 5 }, -6 },
-        { "[General]\nbandGains=1, 2, 3, 4, 5\noutputGain=loud\nbufferedMode=1\nbufferLatencyMs=-20\n", { 1, 2, 3, 4, 5 } },
+        { "[General]\nbandGains=1, 2, 3, 4, 5\noutputGain=-9\nbufferedMode=false\nbufferLatencyMs=0\n",
+          { 1, 2, 3, 4, 5 }, -6 },
+        { "[General]\nbandGains=1, 2, 3, 4, 5\noutputGain=loud\nbufferedMode=1\nbufferLatencyMs=-20\n",
+          { 1, 2, 3, 4, 5 } },
         { "[General]\nbandGains=inf, -inf, 24, -24, 24.5\noutputGain=-inf\nbufferedMode=yes\nbufferLatencyMs=fast\n",
           { 24, -24, 24, -24, 24 }, -6 },
         { "[General]\nbandGains = 1 ,2,  3 , 4,5\noutputGain= 6 \nbufferedMode=true, true\nbufferLatencyMs=nan\n",

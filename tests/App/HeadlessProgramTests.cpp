@@ -78,8 +78,8 @@ TEST(HeadlessProgram, WithoutAutostartOfExactlyOneItRestoresTheStoredSwitchAndSt
 
 TEST(HeadlessProgram, SaysSoAndExitsWhenNoPipeWireSessionIsReachable)
 {
-    const Outcome result = run({ "--headless" },
-                           { { "XDG_RUNTIME_DIR", "$HOME" }, { "PIPEWIRE_REMOTE", "" }, { "PIPEWIRE_RUNTIME_DIR", "" } });
+    const Outcome result = run({ "--headless" }, { { "XDG_RUNTIME_DIR", "$HOME" }, { "PIPEWIRE_REMOTE", "" },
+                                                   { "PIPEWIRE_RUNTIME_DIR", "" } });
     EXPECT_EQ(result.exitCode, 1);
     ASSERT_FALSE(result.lines.empty());
     const auto folders = (std::filesystem::temp_directory_path() / "sorva-config-").string();

@@ -98,5 +98,6 @@ TEST(LoginItem, AReadOnlyFolderMakesTheSwitchSpringBackAndIsLogged)
     EXPECT_FALSE(LoginItem::setEnabled(true));
     const std::vector<std::string> lines = log.take();
     ASSERT_EQ(lines.size(), 1u);
-    EXPECT_TRUE(lines[0].starts_with("login item register failed: cannot create the folder " + folder.string())) << lines[0];
+    EXPECT_TRUE(lines[0].starts_with("login item register failed: cannot create the folder " + folder.string()))
+        << lines[0];
 }

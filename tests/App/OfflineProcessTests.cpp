@@ -226,8 +226,8 @@ TEST(OfflineProcess, AnInterruptedRunLeavesNeitherOutputNorTemporaryFile)
     std::filesystem::remove(folder / "source.wav");
     qtApp();
     QProcess sorva;
-    sorva.start(QStringLiteral(SORVA_BINARY),
-                { QStringLiteral("process"), QStringLiteral("/dev/stdin"), QString::fromStdString(folder.path() / "out.wav") });
+    const QString output = QString::fromStdString(folder.path() / "out.wav");
+    sorva.start(QStringLiteral(SORVA_BINARY), { QStringLiteral("process"), QStringLiteral("/dev/stdin"), output });
     sorva.write(firstSecond.data(), static_cast<qint64>(firstSecond.size()));
     while (sorva.bytesToWrite() > 0 && sorva.waitForBytesWritten(10000)) { }
     ASSERT_EQ(sorva.bytesToWrite(), 0) << "the program stopped reading";
