@@ -8,25 +8,44 @@
 
 #include <QProcess>
 
+#include <csignal>
+
 #include <random>
 
 namespace sorva::testing {
 
-ProgramRun runSorva(const std::vector<std::string>& arguments, const std::filesystem::path& workingFolder)
+ProgramRun runSorva(const std::vector<std::string>& arguments, const std::filesystem::path& workingFolder,
+                    const Variables& variables, const std::string& ready, int signal)
 {
     qtApp();
     QStringList words;
     for (const std::string& word : arguments)
         words << QString::fromStdString(word);
+    QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+    for (const auto& [name, value] : variables)
+        value.empty() ? environment.remove(QString::fromStdString(name))
+                      : environment.insert(QString::fromStdString(name), QString::fromStdString(value));
     QProcess process;
+    process.setProcessEnvironment(environment);
     process.setWorkingDirectory(QString::fromStdString(workingFolder.string()));
     process.setStandardInputFile(QProcess::nullDevice());
+    process.setReadChannel(QProcess::StandardError);
     process.start(QStringLiteral(SORVA_BINARY), words);
+    std::string err;
+    if (!ready.empty()) {
+        while (err.find(ready) == std::string::npos && process.waitForReadyRead(10000))
+            err += process.readAllStandardError().toStdString();
+        if (err.find(ready) == std::string::npos)
+            process.kill();
+        else
+            ::kill(static_cast<pid_t>(process.processId()), signal);
+    }
     if (!process.waitForFinished(120000))
         process.kill();
     process.waitForFinished();
+    err += process.readAllStandardError().toStdString();
     return { process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -1,
-             process.readAllStandardOutput().toStdString(), process.readAllStandardError().toStdString() };
+             process.readAllStandardOutput().toStdString(), err };
 }
 
 void writeSound(const std::filesystem::path& path, const Sound& sound)

@@ -7,6 +7,7 @@
 
 #include <cstdint>
 #include <filesystem>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -18,9 +19,16 @@ struct ProgramRun {
     std::string err;
 };
 
-// Runs SORVA_BINARY with these arguments, standard output and error captured,
-// in the given working folder.
-ProgramRun runSorva(const std::vector<std::string>& arguments, const std::filesystem::path& workingFolder);
+// What a run changes in the environment: a variable set, or removed where
+// its value is empty.
+using Variables = std::map<std::string, std::string>;
+
+// Runs SORVA_BINARY with these arguments in the given working folder,
+// standard output and error captured. With `ready`, once standard error shows
+// it, sends `signal` (a program that does not show it within ten seconds is
+// killed).
+ProgramRun runSorva(const std::vector<std::string>& arguments, const std::filesystem::path& workingFolder,
+                    const Variables& variables = {}, const std::string& ready = {}, int signal = 0);
 
 struct Sound {
     int64_t sampleRate = 0;
