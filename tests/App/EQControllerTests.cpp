@@ -3,7 +3,6 @@
 
 #include "Audio/AudioLifecycleCoordinator.h"
 #include "Audio/BufferedEQProcessor.h"
-#include "Audio/EQLog.h"
 #include "Audio/SystemEQProcessor.h"
 #include "Models/EQSettings.h"
 #include "Platform/ManualMainExecutor.h"

@@ -18,9 +18,7 @@
 #include <QImage>
 #include <QWidget>
 
-#include <chrono>
 #include <cmath>
-#include <functional>
 #include <memory>
 #include <ostream>
 
