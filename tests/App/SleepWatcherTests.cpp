@@ -61,18 +61,4 @@ TEST(SleepWatcher, TurnsLogindsPrepareForSleepIntoSleepAndWakeAndIgnoresImpostor
         QDBusConnection::disconnectFromBus(name);
 }
 
-TEST(SleepWatcher, WithoutABusLogsOnce)
-{
-    sorva::testing::qtApp();
-    sorva::testing::LogCapture log;
-    {
-        SleepWatcher watcher(QDBusConnection::connectToBus(QStringLiteral("unix:path=/nonexistent/sorva-test-bus"),
-                                                           QStringLiteral("sleep-test-nowhere")));
-        EXPECT_FALSE(watcher.isWatching());
-    }
-    QDBusConnection::disconnectFromBus(QStringLiteral("sleep-test-nowhere"));
-    ASSERT_EQ(log.taken().size(), 1u);
-    EXPECT_TRUE(log.taken()[0].starts_with("sleep and wake notifications unavailable: no system bus")) << log.taken()[0];
-}
-
 } // namespace sorva
