@@ -1,6 +1,6 @@
 // Every test of this program starts with an empty configuration folder, so
 // that what the machine's user saved cannot change what the tests see.
-#include "TestFolders.h"
+#include "TestSupport.h"
 
 #include <gtest/gtest.h>
 

@@ -1,7 +1,7 @@
 // Launch at login as an XDG autostart entry.
 #include "Models/LoginItem.h"
 
-#include "TestFolders.h"
+#include "TestSupport.h"
 
 #include <gtest/gtest.h>
 
@@ -74,31 +74,30 @@ TEST(LoginItem, AReadOnlyFolderMakesTheSwitchSpringBackAndIsLogged)
     ConfigHome home;
     const auto folder = home.path / "autostart";
     std::filesystem::create_directories(folder);
+    LogCapture log;
     {
-        LogCapture log;
         sorva::testing::ReadOnlyFolder readOnly(folder);
         ASSERT_TRUE(readOnly.isEffective());
         EXPECT_FALSE(LoginItem::setEnabled(true));
-        EXPECT_EQ(log.taken(), std::vector<std::string> {
-            "login item register failed: cannot write in " + folder.string() + ": Permission denied" });
     }
+    EXPECT_EQ(log.take(), std::vector<std::string> {
+        "login item register failed: cannot write in " + folder.string() + ": Permission denied" });
     EXPECT_TRUE(std::filesystem::is_empty(folder));
 
     ASSERT_TRUE(LoginItem::setEnabled(true));
     {
-        LogCapture log;
         sorva::testing::ReadOnlyFolder readOnly(folder);
         EXPECT_TRUE(LoginItem::setEnabled(false));
-        EXPECT_EQ(log.taken(), std::vector<std::string> {
-            "login item unregister failed: cannot remove " + LoginItem::entryPath().string() + ": Permission denied" });
     }
+    EXPECT_EQ(log.take(), std::vector<std::string> {
+        "login item unregister failed: cannot remove " + LoginItem::entryPath().string() + ": Permission denied" });
 
     // A config folder that cannot hold an autostart folder at all.
     std::filesystem::remove_all(folder);
     writeFile(folder, "not a folder");
-    LogCapture log;
     EXPECT_FALSE(LoginItem::setEnabled(true));
-    ASSERT_EQ(log.taken().size(), 1u);
-    EXPECT_TRUE(log.taken()[0].starts_with("login item register failed: cannot create the folder " + folder.string()))
-        << log.taken()[0];
+    const std::vector<std::string> lines = log.take();
+    ASSERT_EQ(lines.size(), 1u);
+    EXPECT_TRUE(lines[0].starts_with("login item register failed: cannot create the folder " + folder.string()))
+        << lines[0];
 }

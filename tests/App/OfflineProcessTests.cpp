@@ -1,19 +1,19 @@
-// `sorva process` end to end: the built program on generated music-like files,
-// its output compared sample for sample with a plain reference loop.
+// `sorva process` end to end: the built program on generated files,
+// its output compared sample for sample with the equalizer's plain loop.
 #include "App/ProgramTestSupport.h"
 #include "Models/EQSettings.h"
-#include "TestFolders.h"
 
 #include <gtest/gtest.h>
 #include <sndfile.h>
 
+#include <QProcess>
+
 #include <algorithm>
 #include <cmath>
-#include <optional>
 #include <csignal>
-#include <fcntl.h>
 #include <fstream>
 #include <map>
+#include <optional>
 #include <pty.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
@@ -26,82 +26,20 @@ using namespace sorva::testing;
 
 namespace {
 
-void expectMatchesReference(const std::filesystem::path& output, const Sound& input, const ReferenceSettings& settings,
-                            int64_t* limitedFrames = nullptr)
-{
-    const Sound result = readSound(output);
-    EXPECT_EQ(result.format, SF_FORMAT_WAV | SF_FORMAT_FLOAT);
-    EXPECT_EQ(result.sampleRate, input.sampleRate);
-    ASSERT_EQ(result.channels, input.channels);
-    ASSERT_EQ(result.frames(), input.frames());
-    const std::vector<float> expected = referenceEqualize(input.samples, input.channels,
-                                                          static_cast<double>(input.sampleRate), settings, limitedFrames);
-    const auto at = std::mismatch(result.samples.begin(), result.samples.end(), expected.begin()).first
-        - result.samples.begin();
-    EXPECT_EQ(at, static_cast<std::ptrdiff_t>(expected.size()))
-        << "first difference at frame " << at / input.channels << ", channel " << at % input.channels;
-}
-
 // The input as the program sees it: the file decoded to floats.
 Sound makeInput(const std::filesystem::path& path, int64_t seconds, int64_t channels, int64_t rate, int format)
 {
     Sound sound { rate, channels, format,
-                  musicLike(seconds * rate, channels, static_cast<double>(rate), static_cast<uint32_t>(channels * rate)) };
+                  noise(seconds * rate, channels, static_cast<uint32_t>(channels * rate)) };
     writeSound(path, sound);
     return readSound(path);
 }
 
 } // namespace
 
-TEST(OfflineProcess, EveryFileAndOptionMatchesTheReferenceSampleForSample)
-{
-    ScratchFolder folder;
-    const std::map<std::string, Sound> inputs {
-        { "music.wav", makeInput(folder / "music.wav", 6, 2, 44100, SF_FORMAT_WAV | SF_FORMAT_PCM_16) },
-        // The 8 kHz band sits above 45 % of the rate.
-        { "mono.wav", makeInput(folder / "mono.wav", 5, 1, 8000, SF_FORMAT_WAV | SF_FORMAT_FLOAT) },
-        // Only the first two channels are filtered; all are gain-staged and limited together.
-        { "three.flac", makeInput(folder / "three.flac", 4, 3, 48000, SF_FORMAT_FLAC | SF_FORMAT_PCM_24) },
-    };
-    struct Run {
-        std::string input;
-        std::vector<std::string> options;
-        ReferenceSettings expected;
-    };
-    const Run runs[] = {
-        { "music.wav", { "--preset", "Rock" }, { { 10, 0, -2, -6, 2 }, -0.5 } },
-        // Explicit gains replace the preset's; its output gain stays unless given too.
-        { "music.wav", { "--preset", "vocal", "--gains", "1,2,3,4,5" }, { { 1, 2, 3, 4, 5 }, 0.0 } },
-        { "music.wav", { "--gains", "30,-30,24.5,-1e6,7", "--output-gain", "9" }, { { 24, -24, 24, -24, 7 }, 6.0 } },
-        { "mono.wav", { "--gains", "-3,6,0,2,8" }, { { -3, 6, 0, 2, 8 }, 0.0 } },
-        { "three.flac", { "--preset", "Electro", "--output-gain", "-2" }, { { 12, 4, -10, 0, 8 }, -2.0 } },
-        { "three.flac", {}, { { 0, 0, 0, 0, 0 }, 0.0 } },
-    };
-    for (const Run& run : runs) {
-        std::vector<std::string> arguments { "process", run.input, "out.wav" };
-        arguments.insert(arguments.end(), run.options.begin(), run.options.end());
-        SCOPED_TRACE(run.input + " " + (run.options.empty() ? "" : run.options[1]));
-        const ProgramRun result = runSorva(arguments, folder.path());
-        ASSERT_EQ(result.exitStatus, 0) << result.err;
-        EXPECT_EQ(result.err, "");
-        expectMatchesReference(folder / "out.wav", inputs.at(run.input), run.expected);
-    }
-
-    // Boosts loud enough that the limiter works for a good part of the file,
-    // the options in "--name=value" form.
-    const ProgramRun loud = runSorva({ "process", "music.wav", "loud.wav", "--gains=12,-6,3,0,9", "--output-gain=4.5" },
-                                     folder.path());
-    ASSERT_EQ(loud.exitStatus, 0) << loud.err;
-    int64_t limited = 0;
-    expectMatchesReference(folder / "loud.wav", inputs.at("music.wav"), { { 12, -6, 3, 0, 9 }, 4.5 }, &limited);
-    EXPECT_GT(limited, inputs.at("music.wav").frames() / 100) << "the test signal no longer drives the limiter";
-}
-
-TEST(OfflineProcess, WithoutOptionsTheSavedConfigurationApplies)
+TEST(OfflineProcess, EveryFileAndOptionOnTheSavedConfigurationMatchesThePlainEqualizer)
 {
     ConfigHome home; // inherited by the program
-    ScratchFolder folder;
-    const Sound input = makeInput(folder / "music.wav", 2, 2, 48000, SF_FORMAT_WAV | SF_FORMAT_FLOAT);
     std::vector<EQBand> bands = EQConfig::defaultConfig().bands;
     const std::vector<double> saved { 6, -3, 4, -2, 30 }; // the last is clamped to 24 on load
     for (size_t i = 0; i < bands.size(); ++i)
@@ -109,18 +47,65 @@ TEST(OfflineProcess, WithoutOptionsTheSavedConfigurationApplies)
     EQSettings::saveGains(bands);
     EQSettings::saveOutputGain(-2);
 
-    const std::pair<std::vector<std::string>, ReferenceSettings> runs[] = {
-        { {}, { { 6, -3, 4, -2, 24 }, -2 } },
-        // Gains on the command line replace the saved ones; the saved output gain stays.
-        { { "--gains", "0,0,0,0,3" }, { { 0, 0, 0, 0, 3 }, -2 } },
+    ScratchFolder folder;
+    const std::map<std::string, Sound> inputs {
+        { "stereo.wav", makeInput(folder / "stereo.wav", 6, 2, 44100, SF_FORMAT_WAV | SF_FORMAT_PCM_16) },
+        // The 8 kHz band sits above 45 % of the rate.
+        { "mono.wav", makeInput(folder / "mono.wav", 5, 1, 8000, SF_FORMAT_WAV | SF_FORMAT_FLOAT) },
+        // Only the first two channels are filtered; all are gain-staged and limited together.
+        { "three.flac", makeInput(folder / "three.flac", 4, 3, 48000, SF_FORMAT_FLAC | SF_FORMAT_PCM_24) },
     };
-    for (const auto& [options, expected] : runs) {
-        std::vector<std::string> arguments { "process", "music.wav", "out.wav" };
-        arguments.insert(arguments.end(), options.begin(), options.end());
-        const ProgramRun run = runSorva(arguments, folder.path());
-        ASSERT_EQ(run.exitStatus, 0) << run.err;
-        expectMatchesReference(folder / "out.wav", input, expected);
+    // An older, unrelated file in the way, and a link to it.
+    writeFile(folder / "out" / "result.wav", "an older, unrelated file");
+    std::filesystem::create_symlink("out/result.wav", folder / "latest.wav");
+    struct Run {
+        std::string input;
+        std::vector<std::string> options;
+        Settings expected;
+        std::string output = "out.wav";
+    };
+    const Run runs[] = {
+        { "stereo.wav", {}, { { 6, -3, 4, -2, 24 }, -2 } },
+        // Explicit gains replace the saved ones; the saved output gain stays.
+        { "stereo.wav", { "--gains", "0,0,0,0,3" }, { { 0, 0, 0, 0, 3 }, -2 } },
+        { "stereo.wav", { "--preset", "ROCK" }, { { 10, 0, -2, -6, 2 }, -0.5 }, "out/result.wav" },
+        // Explicit gains replace the preset's; its output gain stays unless given too.
+        { "stereo.wav", { "--preset", "vocal", "--gains", "1,2,3,4,5" }, { { 1, 2, 3, 4, 5 }, 0.0 } },
+        { "stereo.wav", { "--gains", "30,-30,24.5,-1e6,7", "--output-gain", "9" }, { { 24, -24, 24, -24, 7 }, 6.0 } },
+        // Through a symbolic link, the file it points to is replaced.
+        { "stereo.wav", { "--gains=12,-6,3,0,9", "--output-gain=4.5" }, { { 12, -6, 3, 0, 9 }, 4.5 }, "latest.wav" },
+        { "mono.wav", { "--gains", "-3,6,0,2,8" }, { { -3, 6, 0, 2, 8 }, -2 } },
+        { "three.flac", { "--preset", "Electro", "--output-gain", "-2" }, { { 12, 4, -10, 0, 8 }, -2.0 } },
+        { "three.flac", { "--gains", "0,0,0,0,0", "--output-gain", "0" }, { { 0, 0, 0, 0, 0 }, 0.0 } },
+    };
+    const mode_t mask = ::umask(022);
+    for (const Run& run : runs) {
+        std::vector<std::string> arguments { "process", run.input, run.output };
+        arguments.insert(arguments.end(), run.options.begin(), run.options.end());
+        SCOPED_TRACE(run.input + (run.options.empty() ? "" : " " + run.options[0]));
+        const ProgramRun result = runSorva(arguments, folder.path());
+        ASSERT_EQ(result.exitStatus, 0) << result.err;
+        EXPECT_EQ(result.err, "");
+        const Sound& input = inputs.at(run.input);
+        const Sound output = readSound(folder / run.output);
+        EXPECT_EQ(output.format, SF_FORMAT_WAV | SF_FORMAT_FLOAT);
+        EXPECT_EQ(output.sampleRate, input.sampleRate);
+        ASSERT_EQ(output.channels, input.channels);
+        ASSERT_EQ(output.frames(), input.frames());
+        const std::vector<float> expected = equalized(input, run.expected);
+        const auto at = std::mismatch(output.samples.begin(), output.samples.end(), expected.begin(), expected.end());
+        EXPECT_EQ(at.first, output.samples.end()) << "first difference at sample " << at.first - output.samples.begin();
     }
+    ::umask(mask);
+
+    struct stat status {};
+    ASSERT_EQ(::lstat((folder / "out" / "result.wav").c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode & 0777, 0644u);
+    EXPECT_TRUE(std::filesystem::is_symlink(folder / "latest.wav"));
+    EXPECT_EQ(std::distance(std::filesystem::directory_iterator(folder / "out"), {}), 1) << "no temporary file left";
+    // The loud run drives the limiter for a good part of the file.
+    const Sound loud = readSound(folder / "out" / "result.wav");
+    EXPECT_GT(std::ranges::count_if(loud.samples, [](float x) { return std::fabs(x) > 0.95f; }), loud.frames() / 100);
 }
 
 TEST(OfflineProcess, EveryMistakeGivesOneLineExitStatusTwoAndLeavesNoFileBehind)
@@ -186,31 +171,6 @@ TEST(OfflineProcess, EveryMistakeGivesOneLineExitStatusTwoAndLeavesNoFileBehind)
     EXPECT_TRUE(std::filesystem::is_fifo(folder / "fifo"));
 }
 
-TEST(OfflineProcess, AnExistingOutputIsReplacedByACompleteFileWithOrdinaryPermissions)
-{
-    ScratchFolder folder;
-    const Sound input = makeInput(folder / "music.wav", 2, 2, 44100, SF_FORMAT_WAV | SF_FORMAT_PCM_16);
-    std::filesystem::create_directory(folder / "out");
-    std::ofstream(folder / "out" / "result.wav") << "an older, unrelated file";
-
-    const mode_t mask = ::umask(022);
-    const ProgramRun run = runSorva({ "process", "music.wav", "out/result.wav", "--preset", "ROCK" }, folder.path());
-    ::umask(mask);
-    ASSERT_EQ(run.exitStatus, 0) << run.err;
-    expectMatchesReference(folder / "out" / "result.wav", input, { { 10, 0, -2, -6, 2 }, -0.5 });
-    struct stat status {};
-    ASSERT_EQ(::stat((folder / "out" / "result.wav").c_str(), &status), 0);
-    EXPECT_EQ(status.st_mode & 0777, 0644u);
-
-    // Through a symbolic link, the file it points to is replaced; the link stays.
-    std::filesystem::create_symlink("out/result.wav", folder / "latest.wav");
-    const ProgramRun again = runSorva({ "process", "music.wav", "latest.wav" }, folder.path());
-    ASSERT_EQ(again.exitStatus, 0) << again.err;
-    EXPECT_TRUE(std::filesystem::is_symlink(folder / "latest.wav"));
-    expectMatchesReference(folder / "out" / "result.wav", input, { { 0, 0, 0, 0, 0 }, 0.0 });
-    EXPECT_EQ(std::distance(std::filesystem::directory_iterator(folder / "out"), {}), 1) << "no temporary file left";
-}
-
 TEST(OfflineProcess, HelpGoesToStandardOutputAndWinsOverEverythingElse)
 {
     ScratchFolder folder;
@@ -230,7 +190,8 @@ TEST(OfflineProcess, ShowsProgressOnATerminalForLongFilesOnly)
     ScratchFolder folder;
     makeInput(folder / "long.wav", 12, 2, 8000, SF_FORMAT_WAV | SF_FORMAT_PCM_16);
     makeInput(folder / "short.wav", 2, 2, 8000, SF_FORMAT_WAV | SF_FORMAT_PCM_16);
-    auto onTerminal = [&](const std::string& input, std::string& seen) {
+    // What the program shows on a terminal; it must succeed.
+    auto onTerminal = [&](const std::string& input) {
         int terminal = -1;
         const pid_t child = ::forkpty(&terminal, nullptr, nullptr, nullptr);
         if (child == 0) {
@@ -239,68 +200,51 @@ TEST(OfflineProcess, ShowsProgressOnATerminalForLongFilesOnly)
                         static_cast<char*>(nullptr));
             ::_exit(98);
         }
+        std::string seen;
         char buffer[4096];
         for (ssize_t got; (got = ::read(terminal, buffer, sizeof buffer)) > 0;) // EIO once the program exited
             seen.append(buffer, static_cast<size_t>(got));
         ::close(terminal);
         int status = 0;
         ::waitpid(child, &status, 0);
-        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+        EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << input << ": " << seen;
+        return seen;
     };
-    std::string seen;
-    ASSERT_EQ(onTerminal("long.wav", seen), 0) << seen;
+    const std::string seen = onTerminal("long.wav");
     EXPECT_NE(seen.find("100%"), std::string::npos) << seen;
     EXPECT_NE(seen.find('\r'), std::string::npos) << seen;
-    seen.clear();
-    ASSERT_EQ(onTerminal("short.wav", seen), 0) << seen;
-    EXPECT_EQ(seen, "");
+    EXPECT_EQ(onTerminal("short.wav"), "");
 }
 
 // A WAV that announces 20 s but arrives on standard input, a pipe that stalls
 // after the first second: the run is mid-file when it is interrupted.
 TEST(OfflineProcess, AnInterruptedRunLeavesNeitherOutputNorTemporaryFile)
 {
-    ScratchFolder folder, capture;
+    ScratchFolder folder;
     makeInput(folder / "source.wav", 20, 2, 44100, SF_FORMAT_WAV | SF_FORMAT_PCM_16);
     const std::string firstSecond = readFile(folder / "source.wav").substr(0, 44 + 44100 * 4);
     std::filesystem::remove(folder / "source.wav");
-    int feed[2];
-    ASSERT_EQ(::pipe(feed), 0);
-    const pid_t child = ::fork();
-    if (child == 0) {
-        const int error = ::open((capture / "err").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-        if (error >= 0 && ::dup2(error, STDERR_FILENO) >= 0 && ::dup2(feed[0], STDIN_FILENO) >= 0 && ::close(feed[1]) == 0)
-            ::execl(SORVA_BINARY, SORVA_BINARY, "process", "/dev/stdin", (folder / "out.wav").c_str(),
-                    static_cast<char*>(nullptr));
-        ::_exit(98);
-    }
-    ::close(feed[0]);
-    // Blocks until the program reads; a program that exits instead breaks the pipe.
-    auto previous = std::signal(SIGPIPE, SIG_IGN);
-    const ssize_t written = ::write(feed[1], firstSecond.data(), firstSecond.size());
-    std::signal(SIGPIPE, previous);
-    if (written != static_cast<ssize_t>(firstSecond.size()))
-        ::kill(child, SIGKILL);
-    ASSERT_EQ(written, static_cast<ssize_t>(firstSecond.size()));
+    qtApp();
+    QProcess sorva;
+    const QString output = QString::fromStdString(folder.path() / "out.wav");
+    sorva.start(QStringLiteral(SORVA_BINARY), { QStringLiteral("process"), QStringLiteral("/dev/stdin"), output });
+    sorva.write(firstSecond.data(), static_cast<qint64>(firstSecond.size()));
+    while (sorva.bytesToWrite() > 0 && sorva.waitForBytesWritten(10000)) { }
+    ASSERT_EQ(sorva.bytesToWrite(), 0) << "the program stopped reading";
 
-    bool partialSeen = false;
-    for (int attempt = 0; attempt < 2000 && !partialSeen; ++attempt) {
-        for (const std::string& name : folder.names())
-            partialSeen = partialSeen || name.find(".part") != std::string::npos;
-        if (!partialSeen)
-            std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-    EXPECT_TRUE(partialSeen);
+    // More than a pipe holds went through, so the program is past its set-up
+    // and reading samples into its temporary output.
+    const std::vector<std::string> names = folder.names();
+    EXPECT_TRUE(names.size() == 1 && names[0].find(".part") != std::string::npos) << ::testing::PrintToString(names);
     // The signal is pending before the pipe closes, so the program sees it at
     // the latest when its read returns at the end of the data.
-    ::kill(child, SIGINT);
-    ::close(feed[1]);
-    int status = 0;
-    ::waitpid(child, &status, 0);
-    ASSERT_TRUE(WIFEXITED(status));
-    EXPECT_EQ(WEXITSTATUS(status), 130);
+    ::kill(static_cast<pid_t>(sorva.processId()), SIGINT);
+    sorva.closeWriteChannel();
+    ASSERT_TRUE(sorva.waitForFinished(10000));
+    EXPECT_EQ(sorva.exitStatus(), QProcess::NormalExit);
+    EXPECT_EQ(sorva.exitCode(), 130);
     EXPECT_EQ(folder.names(), std::vector<std::string> {});
-    EXPECT_EQ(readFile(capture / "err"), "sorva: interrupted\n");
+    EXPECT_EQ(sorva.readAllStandardError().toStdString(), "sorva: interrupted\n");
 }
 
 namespace {
@@ -325,17 +269,14 @@ std::string floatWav(uint32_t channels, uint32_t rate, const std::vector<float>&
 
 // Hostile input files: each gives either a clear one-line error naming the
 // file (never libsndfile's internal wording) and no output, or a complete
-// output whose every sample is finite and within the limiter's ceiling.
+// output whose every sample is finite and within the limiter's ceiling. Non-
+// finite samples are the equalizer's to handle, and checked with it.
 TEST(OfflineProcess, HostileInputsGiveAClearErrorOrAFiniteLimitedFile)
 {
     ScratchFolder folder;
     std::vector<float> tone(2 * 4800);
     for (size_t i = 0; i < tone.size(); ++i)
         tone[i] = 0.5f * std::sin(0.05f * float(i / 2));
-    std::vector<float> hostile = tone;
-    for (size_t i = 0; i < 2000; ++i)
-        hostile[1000 + i] = i % 3 == 0 ? NAN : (i % 3 == 1 ? INFINITY : -INFINITY);
-    std::fill(hostile.begin() + 5000, hostile.begin() + 7000, 1.0f); // full scale
     struct Case {
         const char* name;
         std::string bytes;
@@ -348,7 +289,6 @@ TEST(OfflineProcess, HostileInputsGiveAClearErrorOrAFiniteLimitedFile)
         { "rate-max.wav", floatWav(2, UINT32_MAX, tone), -1 },
         { "65535-channels.wav", floatWav(65535, 48000, tone), -1 },
         { "data-past-the-end.wav", floatWav(2, 48000, tone, 0xfffffff0u), 4800 },
-        { "nan-inf-square.wav", floatWav(2, 48000, hostile), 4800 },
         { "rifx.wav", "RIFX" + floatWav(2, 48000, tone).substr(4), -1 },
     };
     for (const Case& c : cases)

@@ -1,13 +1,13 @@
-// Helpers for tests that run the built `sorva` program on real files: a
-// scratch folder, running the program with its output captured, writing and
-// reading sound files, a music-like test signal, and a plain reference of
-// the equalizer, gain stage and limiter written from their description.
+// Helpers for tests that run the built `sorva` program on real files: running
+// the program with its output captured, writing and reading sound files, a
+// test signal, and what the equalizer's plain loop makes of it.
 #pragma once
 
-#include "TestFolders.h"
+#include "TestSupport.h"
 
 #include <cstdint>
 #include <filesystem>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -19,9 +19,16 @@ struct ProgramRun {
     std::string err;
 };
 
-// Runs SORVA_BINARY with these arguments, standard output and error captured,
-// in the given working folder.
-ProgramRun runSorva(const std::vector<std::string>& arguments, const std::filesystem::path& workingFolder);
+// What a run changes in the environment: a variable set, or removed where
+// its value is empty.
+using Variables = std::map<std::string, std::string>;
+
+// Runs SORVA_BINARY with these arguments in the given working folder,
+// standard output and error captured. With `ready`, once standard error shows
+// it, sends `signal` (a program that does not show it within ten seconds is
+// killed).
+ProgramRun runSorva(const std::vector<std::string>& arguments, const std::filesystem::path& workingFolder,
+                    const Variables& variables = {}, const std::string& ready = {}, int signal = 0);
 
 struct Sound {
     int64_t sampleRate = 0;
@@ -34,21 +41,19 @@ struct Sound {
 void writeSound(const std::filesystem::path& path, const Sound& sound);
 Sound readSound(const std::filesystem::path& path);
 
-// Several seconds of something like music: a bass line with a kick drum
-// (content down at 30 Hz), chords, hi-hat noise (up at 8 kHz); every
-// channel mixed differently; peaks near full scale. Seeded, so repeatable.
-std::vector<float> musicLike(int64_t frames, int64_t channels, double sampleRate, uint32_t seed);
+// Seeded white noise, each sample on its own, so that every band has
+// something to work on and mixing channels up shows.
+std::vector<float> noise(int64_t frames, int64_t channels, uint32_t seed);
 
-struct ReferenceSettings {
-    std::vector<double> gains; // dB for 30, 125, 500, 2000, 8000 Hz
-    double outputGainDB = 0.0;
+struct Settings {
+    std::vector<double> gains; // dB, band order
+    double outputGain = 0.0; // dB
 };
 
-// Channels 0 and 1 through five peaking biquads (transposed direct form II,
-// sample by sample), then every channel through the gain stage and the peak
-// limiter, frame by frame. limitedFrames counts the frames the limiter
-// scaled down.
-std::vector<float> referenceEqualize(const std::vector<float>& input, int64_t channels, double sampleRate,
-                                     const ReferenceSettings& settings, int64_t* limitedFrames = nullptr);
+// The sound through the equalizer's plain per-band loop in one pass: the
+// filters on the first two channels, gain stage and limiter on all. The
+// equalizer itself is checked against an independent reference with the
+// audio tests; what the program adds is everything around it.
+std::vector<float> equalized(const Sound& sound, const Settings& settings);
 
 } // namespace sorva::testing

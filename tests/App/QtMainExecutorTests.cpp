@@ -1,5 +1,5 @@
 #include "Platform/QtMainExecutor.h"
-#include "QtTestSupport.h"
+#include "TestSupport.h"
 
 #include <gtest/gtest.h>
 

@@ -1,6 +1,5 @@
 #include "Platform/SleepWatcher.h"
-#include "QtTestSupport.h"
-#include "TestFolders.h"
+#include "TestSupport.h"
 
 #include <gtest/gtest.h>
 
@@ -60,20 +59,6 @@ TEST(SleepWatcher, TurnsLogindsPrepareForSleepIntoSleepAndWakeAndIgnoresImpostor
     }
     for (const auto& name : names)
         QDBusConnection::disconnectFromBus(name);
-}
-
-TEST(SleepWatcher, WithoutABusLogsOnce)
-{
-    sorva::testing::qtApp();
-    sorva::testing::LogCapture log;
-    {
-        SleepWatcher watcher(QDBusConnection::connectToBus(QStringLiteral("unix:path=/nonexistent/sorva-test-bus"),
-                                                           QStringLiteral("sleep-test-nowhere")));
-        EXPECT_FALSE(watcher.isWatching());
-    }
-    QDBusConnection::disconnectFromBus(QStringLiteral("sleep-test-nowhere"));
-    ASSERT_EQ(log.taken().size(), 1u);
-    EXPECT_TRUE(log.taken()[0].starts_with("sleep and wake notifications unavailable: no system bus")) << log.taken()[0];
 }
 
 } // namespace sorva

@@ -6,6 +6,8 @@
 #include "Models/LoginItem.h"
 #include "Views/CapsuleButton.h"
 #include "Views/CreditsOverlay.h"
+#include "Views/CreditsView.h"
+#include "Views/PillButton.h"
 #include "Views/SwitchToggle.h"
 #include "Views/VerticalGainSlider.h"
 #include "Views/ViewsTestSupport.h"
@@ -99,6 +101,11 @@ TEST_F(EQPanelViewTest, CreditsCloseOnTheBackdropAndEscapeClosesThePanelLast)
     QTest::mouseClick(overlay, Qt::LeftButton, {}, QPoint(4, 4));
     EXPECT_FALSE(panel->showingCredits());
     EXPECT_FALSE(overlay->isVisible());
+
+    // So does the card's CLOSE button.
+    QTest::mouseClick(child<CapsuleButton>("creditsLink"), Qt::LeftButton);
+    overlay->findChild<CreditsView*>()->closeButton()->click();
+    EXPECT_FALSE(panel->showingCredits());
 
     // Escape closes the credits first, then asks for the panel to close.
     QTest::mouseClick(child<CapsuleButton>("creditsLink"), Qt::LeftButton);

@@ -9,7 +9,6 @@
 
 #include <gtest/gtest.h>
 
-#include <cmath>
 #include <limits>
 #include <map>
 
@@ -96,10 +95,6 @@ TEST(DotMatrixText, ShowsTheLastCellsCharactersRightAlignedWithFaintUnlitDots)
             }
         }
     }
-    // The panel's values give the fractional frame of 3 × 23.9 + 6.4 by 34.1.
-    DotMatrixText panel(QStringLiteral("+0"), 3, 3.5, 1.6, Qt::white);
-    EXPECT_NEAR(panel.frameSize().width(), 78.1, 1e-9);
-    EXPECT_NEAR(panel.frameSize().height(), 34.1, 1e-9);
 }
 
 std::vector<EQBand> bandsWithGains(std::initializer_list<double> gains)

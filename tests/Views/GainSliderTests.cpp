@@ -91,10 +91,8 @@ TEST(VerticalGainSlider, WritesOnlyChangesFromDragsAndKeys)
 
 TEST(VerticalGainSlider, DrawsFillAndKnobAtTheEndsAndTheMiddleOfTheScale)
 {
-    // Track 116 × 5 centred in a 40 wide control, from y 6 to 122; the
-    // track's centre column is x 20 (pixel 19 and 20 are fully inside).
-    const QColor white(Qt::white);
-    const QColor track = withAlpha(Qt::white, 0.1);
+    // Track 116 × 5 centred in a 40 wide control, from y 6 to 122; pixel
+    // column 19 lies fully inside it.
     struct Case {
         double gain;
         bool active;
@@ -109,39 +107,33 @@ TEST(VerticalGainSlider, DrawsFillAndKnobAtTheEndsAndTheMiddleOfTheScale)
     };
     for (const Case& c : cases) {
         VerticalGainSlider slider;
-        slider.setLabel(QStringLiteral("Bass"));
         slider.setGain(c.gain);
         slider.setActive(c.active);
         const QImage image = render(slider, QSize(40, slider.sizeHint().height()));
-        EXPECT_TRUE(near(image.pixelColor(19, c.knobCentre), white)) << c.gain;
+        EXPECT_TRUE(near(image.pixelColor(19, c.knobCentre), Qt::white)) << c.gain;
         for (int y : c.filled) {
+            // Opaque, between violet (103, 48, 220) and magenta (187, 44, 144).
             const QColor fill = image.pixelColor(19, y);
-            // Between violet (103, 48, 220) and magenta (187, 44, 144), opaque.
-            EXPECT_EQ(fill.alpha(), 255) << c.gain << " row " << y;
-            EXPECT_TRUE(fill.red() >= 100 && fill.red() <= 190 && fill.green() < 60 && fill.blue() >= 140)
-                << c.gain << " row " << y << " " << fill.name().toStdString();
+            EXPECT_TRUE(fill.alpha() == 255 && fill.red() >= 100 && fill.red() <= 190 && fill.green() < 60
+                        && fill.blue() >= 140)
+                << c.gain << " row " << y << " " << fill.name(QColor::HexArgb).toStdString();
         }
         for (int y : c.empty)
-            EXPECT_TRUE(near(image.pixelColor(19, y), track, 3)) << c.gain << " row " << y;
+            EXPECT_TRUE(near(image.pixelColor(19, y), withAlpha(Qt::white, 0.1), 3)) << c.gain << " row " << y;
         // The glow only around the active knob, just beyond its edge.
         const QColor glow = image.pixelColor(28, c.knobCentre);
-        if (c.active)
-            EXPECT_TRUE(glow.alpha() > 40 && glow.red() > glow.green()) << glow.name(QColor::HexArgb).toStdString();
-        else
-            EXPECT_EQ(glow.alpha(), 0);
+        EXPECT_EQ(glow.alpha() > 40 && glow.red() > glow.green(), c.active) << c.gain;
+        EXPECT_EQ(glow.alpha() == 0, !c.active) << c.gain;
     }
-    // Near the top of a full track the fill is magenta-most, near the bottom
-    // violet-most.
+    // A full track: magenta-most near the top, violet-most near the bottom;
+    // dimmed, the whole control at 40 %.
     VerticalGainSlider full;
     full.setGain(24);
     const QImage image = render(full, QSize(40, full.sizeHint().height()));
     EXPECT_GT(image.pixelColor(19, 24).red(), image.pixelColor(19, 24).blue());
     EXPECT_LT(image.pixelColor(19, 118).red(), image.pixelColor(19, 118).blue());
-
-    // Dimmed: the whole control at 40 %.
     full.setDimmed(true);
-    const QImage dimmed = render(full, QSize(40, full.sizeHint().height()));
-    EXPECT_NEAR(dimmed.pixelColor(19, 10).alpha(), 102, 3);
+    EXPECT_NEAR(render(full, QSize(40, full.sizeHint().height())).pixelColor(19, 10).alpha(), 102, 3);
 }
 
 TEST(VerticalGainSlider, KeepsItsLabelWholeEvenWhenWiderThanTheColumn)

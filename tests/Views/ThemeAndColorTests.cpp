@@ -2,7 +2,6 @@
 #include "Views/ColorHex.h"
 #include "Views/SORVATheme.h"
 
-#include "Audio/EQLog.h"
 #include "ViewsTestSupport.h"
 
 #include <gtest/gtest.h>
@@ -45,12 +44,9 @@ TEST(ColorHex, ScansLikeTheHexIntegerScannerAndKeepsTheLowTwentyFourBits)
 
 TEST(SORVATheme, UsesTheBundledUrbanistFacesOrSaysWhyNot)
 {
-    std::vector<std::string> lines;
-    EQLog::setObserver([&](const std::string& line) { lines.push_back(line); });
-    testing::viewsApp();
+    testing::LogCapture log;
     const bool registered = SORVATheme::registerFonts(); // already ran once: logs nothing more
-    EQLog::setObserver({});
-    EXPECT_TRUE(lines.empty());
+    EXPECT_TRUE(log.taken().empty());
 #ifdef SORVA_HAVE_URBANIST
     ASSERT_TRUE(registered);
     // The three weights resolve to their own faces, at pixel sizes.

@@ -4,7 +4,7 @@
 // comparisons for pixel probes, and processing events until something holds.
 #pragma once
 
-#include "App/QtTestSupport.h"
+#include "App/TestSupport.h"
 #include "Audio/EQController.h"
 #include "Platform/ManualMainExecutor.h"
 #include "Platform/Simulated/SimulatedAudioHardware.h"
@@ -12,16 +12,13 @@
 #include "Views/SORVATheme.h"
 
 #include <QDBusConnection>
-#include <QTemporaryDir>
 
 #include <QApplication>
 #include <QColor>
 #include <QImage>
 #include <QWidget>
 
-#include <chrono>
 #include <cmath>
-#include <functional>
 #include <memory>
 #include <ostream>
 
@@ -48,7 +45,6 @@ struct SimulatedController {
     SimulatedController()
     {
         viewsApp();
-        qputenv("XDG_CONFIG_HOME", home.path().toLocal8Bit());
         hardware->addOutputDevice("Speakers", "speakers", 48000.0, 512);
         EQController::Environment environment;
         environment.hardware = hardware;
@@ -57,7 +53,7 @@ struct SimulatedController {
             = [] { return std::make_unique<SleepWatcher>(QDBusConnection(QStringLiteral("sorva-no-bus"))); };
         controller = std::make_unique<EQController>(environment);
     }
-    QTemporaryDir home;
+    ConfigHome home;
     std::shared_ptr<SimulatedAudioHardware> hardware = std::make_shared<SimulatedAudioHardware>();
     std::unique_ptr<EQController> controller;
 };

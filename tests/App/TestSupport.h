@@ -1,9 +1,13 @@
-// Helpers for tests that work on real files: a fresh folder per test that
-// stands in for $XDG_CONFIG_HOME, a folder made read-only even for root, and
-// the trace lines logged meanwhile.
+// Helpers shared by the tests of the application and its views: a fresh
+// folder per test that stands in for $XDG_CONFIG_HOME, a folder made
+// read-only even for root, the trace lines logged meanwhile, and one
+// QCoreApplication with a loop that processes events until a condition holds.
 #pragma once
 
 #include "Audio/EQLog.h"
+
+#include <QCoreApplication>
+#include <QElapsedTimer>
 
 #include <fcntl.h>
 #include <linux/capability.h>
@@ -12,15 +16,18 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <chrono>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <iterator>
 #include <memory>
 #include <mutex>
 #include <optional>
 #include <stdexcept>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace sorva::testing {
@@ -165,6 +172,12 @@ public:
         std::lock_guard guard(lines->lock);
         return lines->text;
     }
+    // The lines so far, forgotten here.
+    std::vector<std::string> take()
+    {
+        std::lock_guard guard(lines->lock);
+        return std::exchange(lines->text, {});
+    }
 
 private:
     struct Lines {
@@ -173,5 +186,29 @@ private:
     };
     std::shared_ptr<Lines> lines = std::make_shared<Lines>();
 };
+
+inline QCoreApplication& qtApp()
+{
+    static int argc = 1;
+    static char name[] = "sorva_tests";
+    static char* argv[] = { name, nullptr };
+    static QCoreApplication* app = QCoreApplication::instance() ? QCoreApplication::instance()
+                                                                 : new QCoreApplication(argc, argv);
+    return *app;
+}
+
+// Processes Qt events until done() holds or timeout passes; returns done().
+inline bool processEventsUntil(const std::function<bool()>& done, std::chrono::milliseconds timeout)
+{
+    qtApp();
+    QElapsedTimer clock;
+    clock.start();
+    while (!done()) {
+        if (clock.elapsed() > timeout.count())
+            return false;
+        QCoreApplication::processEvents(QEventLoop::AllEvents, 5);
+    }
+    return true;
+}
 
 } // namespace sorva::testing
