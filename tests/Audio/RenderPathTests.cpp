@@ -1,6 +1,7 @@
 // The single-device render path driven directly, block by block, against
 // reference blocks run by hand. Stereo blocks go through both layouts the
 // device may hand over: one interleaved buffer or two planar ones.
+#include "Audio/BufferedEQProcessor.h"
 #include "Audio/SystemEQProcessor.h"
 #include "EngineTestSupport.h"
 #include "Models/EQConfig.h"
@@ -142,7 +143,9 @@ TEST_F(RenderPath, OutputIsTheEqualizedFadedCopyOfTheInputForEveryChannelLayout)
     EXPECT_EQ(timing.snapshot().callbacks, 28);
 }
 
-TEST_F(RenderPath, WritesOnlyTheCommonFramesOfBufferZeroAndEndsEarlyWithoutData)
+// Both engines' callbacks, handed lists with nothing to read or write: no list, no buffers, a buffer without
+// data or bytes, a channel pair without its right channel (and, for the single-device engine, without bytes).
+TEST_F(RenderPath, OnlyTheCommonFramesOfBufferZeroAreCopiedAndListsWithoutDataAreLeftAlone)
 {
     eq.update(EQConfig::defaultConfig().bands, 0.0, 48000.0); // unity: the copy itself is visible
     std::vector<float> in { 0.1f, 0.2f, 0.3f, 0.4f }, out(10, 9.0f), second(4, 7.0f);
@@ -158,17 +161,28 @@ TEST_F(RenderPath, WritesOnlyTheCommonFramesOfBufferZeroAndEndsEarlyWithoutData)
     EXPECT_EQ(stats.snapshot().frames, 3);
     timing.snapshot();
 
-    // No buffers, no data or no bytes: nothing written, counted or timed.
+    StereoRingBuffer ring(BufferedEQProcessor::ringCapacityFrames, 0, 8192);
+    std::vector<float> buffered(2 * 1000, 0.5f);
+    ring.write(buffered.data(), 2 * 1000);
+    BufferedEQProcessor::RenderContext render { ring, eq, fade, spectrum, timing };
     out.assign(8, 9.0f);
-    OneBuffer valid(out, 2);
-    AudioBuffer nullData { 2, 32, nullptr }, zeroBytes { 2, 0, out.data() };
-    AudioBufferList empty { 0, nullptr }, nullList { 1, &nullData }, zeroList { 1, &zeroBytes };
-    for (auto [input, output] : { std::pair { &empty, &valid.list }, { &valid.list, &nullList },
-                                  { &nullList, &valid.list }, { &valid.list, &zeroList } })
-        SystemEQProcessor::processIOCycle(*context, input, output);
+    OneBuffer valid(out, 2); // one interleaved buffer: not the buffered engine's layout either
+    AudioBuffer noData { 2, 32, nullptr }, noBytes { 2, 0, out.data() };
+    AudioBuffer rightMissing[2] = { { 1, 0, out.data() }, { 1, 16, nullptr } };
+    AudioBufferList none { 0, nullptr }, noDataList { 1, &noData }, noBytesList { 1, &noBytes },
+        pair { 2, rightMissing };
+    for (AudioBufferList* list : { &none, &noDataList, &noBytesList, &pair, (AudioBufferList*)nullptr }) {
+        SystemEQProcessor::processIOCycle(*context, list, &valid.list);
+        SystemEQProcessor::processIOCycle(*context, &valid.list, list);
+        EXPECT_EQ(BufferedEQProcessor::renderCycle(render, 256, list), 0);
+        BufferedEQProcessor::captureCycle(ring, list);
+    }
+    EXPECT_EQ(BufferedEQProcessor::renderCycle(render, 256, &valid.list), 0);
     EXPECT_EQ(out, std::vector<float>(8, 9.0f));
     EXPECT_EQ(stats.snapshot().frames, 0);
     EXPECT_EQ(timing.snapshot().callbacks, 0);
+    const auto ringState = ring.snapshot();
+    EXPECT_EQ(std::tuple(ringState.framesWritten, ringState.framesRead), std::tuple(1000, 0));
 }
 
 TEST_F(RenderPath, GateClosesOnTheBlockThatReachesOneSecondOfZerosFreezingFadeAndSpectrumUntilAnySample)

@@ -1,6 +1,7 @@
 // The single-device engine on the simulated audio system: what start builds,
-// every failed set-up step, stop, the fades, the environment switches and the
-// listeners. Its render path is driven block by block in RenderPathTests.
+// every failed set-up step, stop, the fades, the buffer-size request and the
+// listeners; the test mode's tap shows in the real graph's tests. Its render
+// path is driven block by block in RenderPathTests.
 #include "Audio/BufferedEQProcessor.h"
 #include "Audio/SystemEQProcessor.h"
 #include "EngineTestSupport.h"
@@ -174,42 +175,17 @@ TEST_F(Engine, BothEnginesReportEveryFailedSetUpStepAndLeaveNothingBehind)
         EXPECT_EQ(line.find("processor started"), std::string::npos) << line;
 }
 
-// The real graph shows the named program routed alone; here the tap's selection and what happens when the
-// program's process cannot be read or is not there.
-TEST_F(Engine, TestModeTapsOnlyTheNamedApplicationWhenItRuns)
-{
-    const AudioObjectID player = hardware.addProcess(4242, true, std::string("org.example.player"));
-    hardware.addProcess(4343, true, std::string("org.example.other"));
-    ScopedEnvironment only("SORVA_TAP_ONLY_BUNDLE_ID", "org.example.player");
-    const auto tap = hardware.tapDescriptionOf(started().currentTapID());
-    ASSERT_TRUE(tap);
-    EXPECT_EQ(tap->processSelection, TapDescription::ProcessSelection::stereoMixdownOfProcesses);
-    EXPECT_EQ(tap->processes, std::vector<AudioObjectID> { player });
-
-    engine.reset();
-    hardware.injectStatus(Call::translatePIDToProcessObject, -3, 1, 1); // own PID passes, the player's fails
-    EXPECT_THROW(started(), AudioTapError);
-    EXPECT_TRUE(hardware.nothingAlive());
-
-    ::setenv("SORVA_TAP_ONLY_BUNDLE_ID", "org.example.absent", 1);
-    EXPECT_EQ(hardware.tapDescriptionOf(started().currentTapID())->processSelection,
-              TapDescription::ProcessSelection::stereoGlobalTapButExcludeProcesses);
-}
-
 TEST_F(Engine, BufferSizeIsRequestedOnlyForAnUnsignedNumberAndARefusalIsLogged)
 {
-    const std::pair<const char*, std::optional<uint32_t>> cases[] = { { "256", 256u }, { "+128", 128u },
+    hardware.injectStatus(Call::setBufferFrameSize, -50, 1); // the first request is refused; the engine runs on
+    const std::pair<const char*, std::optional<uint32_t>> cases[] = { { "64", {} },  { "256", 256u }, { "+128", 128u },
         { "abc", {} }, { "", {} }, { "-5", {} }, { "4294967296", {} }, { "12 ", {} } };
     for (const auto& [value, request] : cases) {
         ScopedEnvironment variable("SORVA_IOBUF", value);
         EXPECT_EQ(hardware.requestedBufferFrameSize(started().currentAggregateID()), request) << value;
+        EXPECT_EQ(hardware.runningIOProcs(), 1u);
     }
-    EXPECT_EQ(log.count("IO buffer request", true), 2);
-    ScopedEnvironment variable("SORVA_IOBUF", "64");
-    hardware.injectStatus(Call::setBufferFrameSize, -50);
-    started();
     EXPECT_EQ(log.count("IO buffer request 64 frames -> status -50"), 1);
-    EXPECT_EQ(hardware.runningIOProcs(), 1u);
 }
 
 TEST_F(Engine, FadesLastOneHundredFiftyMillisecondsInAndOneHundredTwentyOut)
