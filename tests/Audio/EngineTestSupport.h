@@ -21,7 +21,6 @@
 #include <fstream>
 #include <functional>
 #include <iterator>
-#include <memory>
 #include <mutex>
 #include <string>
 #include <unistd.h>

@@ -51,9 +51,8 @@ struct RenderPath : ::testing::Test {
             split[(2 + i % 2) * frames + i / 2] = out[i];
         }
         const auto bytes = static_cast<uint32_t>(frames * sizeof(float));
-        float* const channel[4] = { &split[0], &split[frames], &split[2 * frames], &split[3 * frames] };
-        AudioBuffer inBuffers[2] = { { 1, bytes, channel[0] }, { 1, bytes, channel[1] } };
-        AudioBuffer outBuffers[2] = { { 1, bytes, channel[2] }, { 1, bytes, channel[3] } };
+        AudioBuffer inBuffers[2] = { { 1, bytes, &split[0] }, { 1, bytes, &split[frames] } };
+        AudioBuffer outBuffers[2] = { { 1, bytes, &split[2 * frames] }, { 1, bytes, &split[3 * frames] } };
         AudioBufferList inList { 2, inBuffers }, outList { 2, outBuffers };
         SystemEQProcessor::processIOCycle(*context, &inList, &outList);
         for (size_t i = 0; i < 2 * frames; ++i)
