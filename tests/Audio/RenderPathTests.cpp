@@ -1,6 +1,7 @@
 // The single-device render path driven directly, block by block, against
 // reference blocks run by hand. Stereo blocks go through both layouts the
-// device may hand over: one interleaved buffer or two planar ones.
+// device may hand over: one interleaved buffer or two planar ones. Lists
+// without data go to the buffered engine's callbacks as well.
 #include "Audio/BufferedEQProcessor.h"
 #include "Audio/SystemEQProcessor.h"
 #include "EngineTestSupport.h"

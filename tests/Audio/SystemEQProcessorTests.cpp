@@ -165,7 +165,7 @@ TEST_F(Engine, BothEnginesReportEveryFailedSetUpStepAndLeaveNothingBehind)
 TEST_F(Engine, BufferSizeIsRequestedOnlyForAnUnsignedNumberAndARefusalIsLogged)
 {
     hardware.injectStatus(Call::setBufferFrameSize, -50, 1); // the first request is refused; the engine runs on
-    const std::pair<const char*, std::optional<uint32_t>> cases[] = { { "64", {} },  { "256", 256u }, { "+128", 128u },
+    const std::pair<const char*, std::optional<uint32_t>> cases[] = { { "64", {} }, { "256", 256u }, { "+128", 128u },
         { "abc", {} }, { "", {} }, { "-5", {} }, { "4294967296", {} }, { "12 ", {} } };
     for (const auto& [value, request] : cases) {
         ::setenv("SORVA_IOBUF", value, 1);
