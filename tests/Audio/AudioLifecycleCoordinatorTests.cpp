@@ -1,6 +1,7 @@
 // The lifecycle coordinator driven through its public requests. The test thread is the main thread
 // (ManualMainExecutor), so start, stop and publications run only when a test runs the main queue; time comes
 // from a fake clock and retry delays from a fake sleeper, so nothing waits for real beyond a few milliseconds.
+// The default sleeper is the standard library's interruptible wait and has no test of its own.
 #include "Audio/AudioLifecycleCoordinator.h"
 #include "EngineTestSupport.h"
 #include "Platform/ManualMainExecutor.h"
@@ -317,17 +318,4 @@ TEST_F(AudioLifecycleCoordinatorTest, DestructionReleasesAStepWaitingForTheMainT
     EXPECT_EQ(on.wait_for(5s), std::future_status::ready);
     main.runPending();
     EXPECT_TRUE(events.empty()) << "a start or a publication reached the owner after destruction";
-}
-
-TEST(AudioLifecycleCoordinatorSleeper, DefaultSleeperWaitsAndEndsEarlyWhenInterrupted)
-{
-    auto sleeper = AudioLifecycleCoordinator::defaultSleeper();
-    std::stop_source never, interruption;
-    auto began = std::chrono::steady_clock::now();
-    sleeper(2'000'000, never.get_token());
-    EXPECT_GE(std::chrono::steady_clock::now() - began, 2ms);
-    std::jthread interrupter([&] { interruption.request_stop(); }); // before or during the wait, either way
-    began = std::chrono::steady_clock::now();
-    sleeper(3600 * second, interruption.get_token());
-    EXPECT_LT(std::chrono::steady_clock::now() - began, 10s);
 }

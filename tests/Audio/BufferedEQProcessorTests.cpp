@@ -1,7 +1,8 @@
 // The buffered engine on the simulated audio system and output: the capture
 // chain, refresh, the ring's prime, the output's failure, the render block and
 // the listeners. Its tap chain's failures share a table with the single-device
-// engine (SystemEQProcessorTests).
+// engine (SystemEQProcessorTests), its callbacks' handling of lists without data
+// a test with the single-device render path (RenderPathTests).
 #include "Audio/BufferedEQProcessor.h"
 #include "EngineTestSupport.h"
 #include "Models/EQConfig.h"
@@ -75,15 +76,6 @@ TEST(BufferedEQProcessor, StartBuildsTheCaptureChainRefreshReappliesTheTapAndSto
     EXPECT_FALSE(rig.output->isRunning() || rig.output->observerCount());
     EXPECT_EQ(rig.waits, (std::vector<std::chrono::nanoseconds> { std::chrono::milliseconds(150) }));
     EXPECT_EQ(rig.hardware.callCount(Call::destroyProcessTap), 1);
-
-    // A running output alone still gets its fade and wait; an idle engine none.
-    Rig outputOnly, idle;
-    outputOnly.output->start();
-    outputOnly.processor->stop();
-    idle.processor->stop();
-    EXPECT_EQ(outputOnly.waits.size(), 1u);
-    EXPECT_FALSE(outputOnly.output->isRunning());
-    EXPECT_TRUE(idle.waits.empty());
 }
 
 TEST(BufferedEQProcessor, LatencySetsThePrimeAt48kHzWhateverTheTapRate)
@@ -165,34 +157,6 @@ TEST(BufferedEQProcessor, PlaysTheTapThroughTheRingEqualized)
     EXPECT_GT(*std::max_element(levels.begin(), levels.end()), 0.0f);
     rig.processor->stop();
     EXPECT_EQ(rig.output->render(256), kAudioHardwareNotRunningError);
-}
-
-TEST(BufferedEQProcessor, RenderAndCaptureCallsWithOddBufferListsTouchOnlyWhatTheyShould)
-{
-    Rig rig;
-    BufferedEQProcessor& p = *rig.processor;
-    BufferedEQProcessor::RenderContext context { p.ring, p.eq, p.fade, p.spectrum, p.timing };
-    std::vector<float> primeBlock(2 * 7000, 0.25f), l(256, -3.0f);
-    p.ring.write(primeBlock.data(), static_cast<int64_t>(primeBlock.size()));
-    // One interleaved buffer, a null channel, no list: untouched, nothing read or timed.
-    OneBuffer one(l, 2);
-    AudioBuffer withNull[2] = { { 1, 1024, l.data() }, { 1, 1024, nullptr } };
-    AudioBufferList nullList { 2, withNull }, emptyList { 0, nullptr };
-    for (AudioBufferList* list : { &one.list, &nullList, (AudioBufferList*)nullptr })
-        EXPECT_EQ(BufferedEQProcessor::renderCycle(context, 256, list), 0);
-    EXPECT_EQ(p.timing.snapshot().callbacks, 0);
-    withNull[1].mData = l.data(); // two channels, but zero frames: timed only
-    EXPECT_EQ(BufferedEQProcessor::renderCycle(context, 0, &nullList), 0);
-    EXPECT_EQ(l, std::vector<float>(256, -3.0f));
-    EXPECT_EQ(p.timing.snapshot().callbacks, 1);
-    // The capture side ignores inputs without a buffer or data.
-    AudioBuffer noData { 2, 1024, nullptr };
-    AudioBufferList noDataList { 1, &noData };
-    for (AudioBufferList* list : { &emptyList, &noDataList, (AudioBufferList*)nullptr })
-        BufferedEQProcessor::captureCycle(p.ring, list);
-    const auto ring = p.ring.snapshot();
-    EXPECT_EQ(ring.framesWritten, 7000);
-    EXPECT_EQ(ring.framesRead, 0);
 }
 
 TEST(BufferedEQProcessor, ListenersRebuildOnDeviceAndRateChangesAndEngineChangesOnlyAfterSettling)

@@ -21,7 +21,6 @@
 #include <fstream>
 #include <functional>
 #include <iterator>
-#include <memory>
 #include <mutex>
 #include <string>
 #include <unistd.h>
@@ -29,14 +28,15 @@
 
 namespace sorva {
 
-// Every line traced while alive.
+// Every line traced while alive. The log calls its observer under a lock that
+// setObserver also takes, so no call outlives the destructor.
 class LogLines {
 public:
     LogLines()
     {
-        EQLog::setObserver([s = state](const std::string& line) {
-            std::lock_guard guard(s->lock);
-            s->lines.push_back(line);
+        EQLog::setObserver([this](const std::string& line) {
+            std::lock_guard guard(lock);
+            lines.push_back(line);
         });
     }
     ~LogLines() { EQLog::setObserver({}); }
@@ -45,13 +45,13 @@ public:
 
     std::vector<std::string> all() const
     {
-        std::lock_guard guard(state->lock);
-        return state->lines;
+        std::lock_guard guard(lock);
+        return lines;
     }
     void clear()
     {
-        std::lock_guard guard(state->lock);
-        state->lines.clear();
+        std::lock_guard guard(lock);
+        lines.clear();
     }
     // Lines equal to text or, with prefix, starting with it.
     int count(const std::string& text, bool prefix = false) const
@@ -63,11 +63,8 @@ public:
     }
 
 private:
-    struct State {
-        std::mutex lock;
-        std::vector<std::string> lines;
-    };
-    std::shared_ptr<State> state = std::make_shared<State>();
+    mutable std::mutex lock;
+    std::vector<std::string> lines;
 };
 
 // A fresh folder the log (and so the recorder's diagnostics) write to while alive.

@@ -1,6 +1,8 @@
 // The single-device render path driven directly, block by block, against
 // reference blocks run by hand. Stereo blocks go through both layouts the
-// device may hand over: one interleaved buffer or two planar ones.
+// device may hand over: one interleaved buffer or two planar ones. Lists
+// without data go to the buffered engine's callbacks as well.
+#include "Audio/BufferedEQProcessor.h"
 #include "Audio/SystemEQProcessor.h"
 #include "EngineTestSupport.h"
 #include "Models/EQConfig.h"
@@ -50,9 +52,8 @@ struct RenderPath : ::testing::Test {
             split[(2 + i % 2) * frames + i / 2] = out[i];
         }
         const auto bytes = static_cast<uint32_t>(frames * sizeof(float));
-        float* const channel[4] = { &split[0], &split[frames], &split[2 * frames], &split[3 * frames] };
-        AudioBuffer inBuffers[2] = { { 1, bytes, channel[0] }, { 1, bytes, channel[1] } };
-        AudioBuffer outBuffers[2] = { { 1, bytes, channel[2] }, { 1, bytes, channel[3] } };
+        AudioBuffer inBuffers[2] = { { 1, bytes, &split[0] }, { 1, bytes, &split[frames] } };
+        AudioBuffer outBuffers[2] = { { 1, bytes, &split[2 * frames] }, { 1, bytes, &split[3 * frames] } };
         AudioBufferList inList { 2, inBuffers }, outList { 2, outBuffers };
         SystemEQProcessor::processIOCycle(*context, &inList, &outList);
         for (size_t i = 0; i < 2 * frames; ++i)
@@ -83,15 +84,6 @@ struct RenderPath : ::testing::Test {
         EXPECT_EQ(out, want);
         EXPECT_FALSE(gate.isGated());
         return out;
-    }
-
-    // Runs a silent stereo block that the gate must swallow.
-    void expectGated(int64_t frames, bool planar)
-    {
-        std::vector<float> in(static_cast<size_t>(frames * 2), 0.0f), out(in.size(), 9.0f);
-        cycle(in, 2, out, 2, planar);
-        EXPECT_TRUE(gate.isGated());
-        EXPECT_EQ(out, in);
     }
 
     std::vector<float> noise(int64_t samples, float amplitude = 0.3f)
@@ -142,7 +134,9 @@ TEST_F(RenderPath, OutputIsTheEqualizedFadedCopyOfTheInputForEveryChannelLayout)
     EXPECT_EQ(timing.snapshot().callbacks, 28);
 }
 
-TEST_F(RenderPath, WritesOnlyTheCommonFramesOfBufferZeroAndEndsEarlyWithoutData)
+// Both engines' callbacks, handed lists with nothing to read or write: no list, no buffers, a buffer without
+// data or bytes, a channel pair without its right channel (and, for the single-device engine, without bytes).
+TEST_F(RenderPath, OnlyTheCommonFramesOfBufferZeroAreCopiedAndListsWithoutDataAreLeftAlone)
 {
     eq.update(EQConfig::defaultConfig().bands, 0.0, 48000.0); // unity: the copy itself is visible
     std::vector<float> in { 0.1f, 0.2f, 0.3f, 0.4f }, out(10, 9.0f), second(4, 7.0f);
@@ -158,17 +152,28 @@ TEST_F(RenderPath, WritesOnlyTheCommonFramesOfBufferZeroAndEndsEarlyWithoutData)
     EXPECT_EQ(stats.snapshot().frames, 3);
     timing.snapshot();
 
-    // No buffers, no data or no bytes: nothing written, counted or timed.
+    StereoRingBuffer ring(BufferedEQProcessor::ringCapacityFrames, 0, 8192);
+    std::vector<float> buffered(2 * 1000, 0.5f);
+    ring.write(buffered.data(), 2 * 1000);
+    BufferedEQProcessor::RenderContext render { ring, eq, fade, spectrum, timing };
     out.assign(8, 9.0f);
-    OneBuffer valid(out, 2);
-    AudioBuffer nullData { 2, 32, nullptr }, zeroBytes { 2, 0, out.data() };
-    AudioBufferList empty { 0, nullptr }, nullList { 1, &nullData }, zeroList { 1, &zeroBytes };
-    for (auto [input, output] : { std::pair { &empty, &valid.list }, { &valid.list, &nullList },
-                                  { &nullList, &valid.list }, { &valid.list, &zeroList } })
-        SystemEQProcessor::processIOCycle(*context, input, output);
+    OneBuffer valid(out, 2); // one interleaved buffer: not the buffered engine's layout either
+    AudioBuffer noData { 2, 32, nullptr }, noBytes { 2, 0, out.data() };
+    AudioBuffer rightMissing[2] = { { 1, 0, out.data() }, { 1, 16, nullptr } };
+    AudioBufferList none { 0, nullptr }, noDataList { 1, &noData }, noBytesList { 1, &noBytes },
+        pair { 2, rightMissing };
+    for (AudioBufferList* list : { &none, &noDataList, &noBytesList, &pair, (AudioBufferList*)nullptr }) {
+        SystemEQProcessor::processIOCycle(*context, list, &valid.list);
+        SystemEQProcessor::processIOCycle(*context, &valid.list, list);
+        EXPECT_EQ(BufferedEQProcessor::renderCycle(render, 256, list), 0);
+        BufferedEQProcessor::captureCycle(ring, list);
+    }
+    EXPECT_EQ(BufferedEQProcessor::renderCycle(render, 256, &valid.list), 0);
     EXPECT_EQ(out, std::vector<float>(8, 9.0f));
     EXPECT_EQ(stats.snapshot().frames, 0);
     EXPECT_EQ(timing.snapshot().callbacks, 0);
+    const auto ringState = ring.snapshot();
+    EXPECT_EQ(std::tuple(ringState.framesWritten, ringState.framesRead), std::tuple(1000, 0));
 }
 
 TEST_F(RenderPath, GateClosesOnTheBlockThatReachesOneSecondOfZerosFreezingFadeAndSpectrumUntilAnySample)
@@ -194,8 +199,12 @@ TEST_F(RenderPath, GateClosesOnTheBlockThatReachesOneSecondOfZerosFreezingFadeAn
     for (int block = 0; block < 99; ++block) // 47520 frames: still processed, the tails ring out
         tailHeard = feed(zeros, block % 2) != zeros || tailHeard;
     EXPECT_TRUE(tailHeard);
-    for (bool planar : { false, true }) // the 100th reaches 48000 frames
-        expectGated(480, planar);
+    for (bool planar : { false, true }) { // the 100th reaches 48000 frames: swallowed
+        std::vector<float> in = zeros, out(in.size(), 9.0f);
+        cycle(in, 2, out, 2, planar);
+        EXPECT_TRUE(gate.isGated());
+        EXPECT_EQ(out, zeros);
+    }
     EXPECT_EQ(spectrum.levels(), referenceSpectrum.levels());
     referenceEQ.reset(); // gating cleared the filters; the ramp continues where it stood
     auto tiny = zeros;
@@ -207,7 +216,6 @@ TEST_F(RenderPath, GateClosesOnTheBlockThatReachesOneSecondOfZerosFreezingFadeAn
 
 TEST_F(RenderPath, RecorderGetsRawAndProcessedStereoBlocksUpToTheScratchSize)
 {
-    startFades(0);
     // An interleaved block, then a planar one; blocks one frame longer than the scratch are not captured.
     auto in = noise(4096 * 2), planarIn = noise(4096 * 2);
     auto out = processed(in);

@@ -37,11 +37,7 @@ std::unique_ptr<StereoRingBuffer> counting(int64_t frames, int64_t prime = prime
 
 struct Output {
     std::vector<float> left, right;
-    bool silent() const
-    {
-        return std::all_of(left.begin(), left.end(), [](float v) { return v == 0.0f; })
-            && std::all_of(right.begin(), right.end(), [](float v) { return v == 0.0f; });
-    }
+    bool silent() const { return left == std::vector<float>(left.size()) && right == std::vector<float>(right.size()); }
 };
 
 Output readFrames(StereoRingBuffer& ring, int64_t frames)
@@ -99,23 +95,20 @@ TEST(StereoRingBuffer, ResyncsToTheTargetWhenTooMuchIsBuffered)
     // Above three times the target, or the ring's seven-eighths (42 000) when
     // that is lower, the reader jumps to the target behind the writer, fades in
     // again and counts an underrun.
-    struct Case {
-        int64_t prime, written;
-        bool resyncs;
-    };
-    for (const Case c : { Case { 6000, 18001, true }, Case { 6000, 18000, false }, Case { 15000, 42001, true },
-                          Case { 15000, 42000, false }, Case { 6000, 60000, true } }) {
-        auto ring = counting(std::min<int64_t>(c.written, 30000), c.prime);
-        if (c.written > 30000)
-            writeCounting(*ring, 30000, c.written - 30000); // wraps a full ring
+    const std::tuple<int64_t, int64_t, bool> cases[] = { { 6000, 18001, true }, { 6000, 18000, false },
+        { 15000, 42001, true }, { 15000, 42000, false }, { 6000, 60000, true } }; // prime, written, resyncs
+    for (const auto& [prime, written, resyncs] : cases) {
+        auto ring = counting(std::min<int64_t>(written, 30000), prime);
+        if (written > 30000)
+            writeCounting(*ring, 30000, written - 30000); // wraps a full ring
         const Output out = readFrames(*ring, 1000);
-        const double start = c.resyncs ? double(c.written - c.prime) : 0.0;
-        EXPECT_NEAR(out.left[600], start + 601.0, 0.2) << c.written;
+        const double start = resyncs ? double(written - prime) : 0.0;
+        EXPECT_NEAR(out.left[600], start + 601.0, 0.2) << written;
         EXPECT_EQ(out.left[0], 0.0f); // fading in again
-        EXPECT_NEAR(out.left[240], 0.5 * (start + 241.0), 0.2) << c.written;
+        EXPECT_NEAR(out.left[240], 0.5 * (start + 241.0), 0.2) << written;
         const auto stats = ring->snapshot();
-        EXPECT_EQ(stats.underruns, c.resyncs ? 1 : 0) << c.written;
-        EXPECT_TRUE(c.written != 18001 || std::abs(stats.buffered - 5000) <= 1) << stats.buffered;
+        EXPECT_EQ(stats.underruns, resyncs ? 1 : 0) << written;
+        EXPECT_TRUE(written != 18001 || std::abs(stats.buffered - 5000) <= 1) << stats.buffered;
     }
 }
 

@@ -1,6 +1,7 @@
 // The single-device engine on the simulated audio system: what start builds,
-// every failed set-up step, stop, the fades, the environment switches and the
-// listeners. Its render path is driven block by block in RenderPathTests.
+// every failed set-up step, stop, the fades, the buffer-size request and the
+// listeners; the test mode's tap shows in the real graph's tests. Its render
+// path is driven block by block in RenderPathTests.
 #include "Audio/BufferedEQProcessor.h"
 #include "Audio/SystemEQProcessor.h"
 #include "EngineTestSupport.h"
@@ -21,13 +22,6 @@ using Call = SimulatedAudioHardware::Call;
 
 namespace {
 
-// Sets an environment variable until the end of the scope.
-struct ScopedEnvironment {
-    ScopedEnvironment(const char* name, const char* value) : name(name) { ::setenv(name, value, 1); }
-    ~ScopedEnvironment() { ::unsetenv(name); }
-    const char* name;
-};
-
 // The log folder outlives the engine, whose recorder captures there.
 struct Engine : ::testing::Test, LogFolder, SimulatedSystem {
     // A new engine (replacing the last one), started on the default device.
@@ -42,20 +36,14 @@ struct Engine : ::testing::Test, LogFolder, SimulatedSystem {
         return *engine;
     }
 
-    // One cycle of the engine's aggregate with a stereo input block.
-    std::vector<float> cycle(std::vector<float> in)
-    {
-        std::vector<float> out(in.size(), 0.0f);
-        OneBuffer input(in, 2), output(out, 2);
-        EXPECT_EQ(hardware.runIOCycle(engine->currentAggregateID(), &input.list, &output.list), 1);
-        return out;
-    }
-
-    // Plays blocks of 0.5 and returns the first frame whose left sample is level.
+    // Plays stereo blocks of 0.5 through the engine's aggregate and returns the
+    // first frame whose left sample is level.
     int64_t firstFrameAt(float level)
     {
         for (int64_t frame = 0; frame < 20000; frame += 512) {
-            const auto out = cycle(std::vector<float>(512 * 2, 0.5f));
+            std::vector<float> in(512 * 2, 0.5f), out(in.size(), 0.0f);
+            OneBuffer input(in, 2), output(out, 2);
+            EXPECT_EQ(hardware.runIOCycle(engine->currentAggregateID(), &input.list, &output.list), 1);
             for (int64_t i = 0; i < 512; ++i)
                 if (out[static_cast<size_t>(2 * i)] == level)
                     return frame + i;
@@ -174,42 +162,18 @@ TEST_F(Engine, BothEnginesReportEveryFailedSetUpStepAndLeaveNothingBehind)
         EXPECT_EQ(line.find("processor started"), std::string::npos) << line;
 }
 
-// The real graph shows the named program routed alone; here the tap's selection and what happens when the
-// program's process cannot be read or is not there.
-TEST_F(Engine, TestModeTapsOnlyTheNamedApplicationWhenItRuns)
-{
-    const AudioObjectID player = hardware.addProcess(4242, true, std::string("org.example.player"));
-    hardware.addProcess(4343, true, std::string("org.example.other"));
-    ScopedEnvironment only("SORVA_TAP_ONLY_BUNDLE_ID", "org.example.player");
-    const auto tap = hardware.tapDescriptionOf(started().currentTapID());
-    ASSERT_TRUE(tap);
-    EXPECT_EQ(tap->processSelection, TapDescription::ProcessSelection::stereoMixdownOfProcesses);
-    EXPECT_EQ(tap->processes, std::vector<AudioObjectID> { player });
-
-    engine.reset();
-    hardware.injectStatus(Call::translatePIDToProcessObject, -3, 1, 1); // own PID passes, the player's fails
-    EXPECT_THROW(started(), AudioTapError);
-    EXPECT_TRUE(hardware.nothingAlive());
-
-    ::setenv("SORVA_TAP_ONLY_BUNDLE_ID", "org.example.absent", 1);
-    EXPECT_EQ(hardware.tapDescriptionOf(started().currentTapID())->processSelection,
-              TapDescription::ProcessSelection::stereoGlobalTapButExcludeProcesses);
-}
-
 TEST_F(Engine, BufferSizeIsRequestedOnlyForAnUnsignedNumberAndARefusalIsLogged)
 {
-    const std::pair<const char*, std::optional<uint32_t>> cases[] = { { "256", 256u }, { "+128", 128u },
+    hardware.injectStatus(Call::setBufferFrameSize, -50, 1); // the first request is refused; the engine runs on
+    const std::pair<const char*, std::optional<uint32_t>> cases[] = { { "64", {} }, { "256", 256u }, { "+128", 128u },
         { "abc", {} }, { "", {} }, { "-5", {} }, { "4294967296", {} }, { "12 ", {} } };
     for (const auto& [value, request] : cases) {
-        ScopedEnvironment variable("SORVA_IOBUF", value);
+        ::setenv("SORVA_IOBUF", value, 1);
         EXPECT_EQ(hardware.requestedBufferFrameSize(started().currentAggregateID()), request) << value;
+        EXPECT_EQ(hardware.runningIOProcs(), 1u);
     }
-    EXPECT_EQ(log.count("IO buffer request", true), 2);
-    ScopedEnvironment variable("SORVA_IOBUF", "64");
-    hardware.injectStatus(Call::setBufferFrameSize, -50);
-    started();
+    ::unsetenv("SORVA_IOBUF");
     EXPECT_EQ(log.count("IO buffer request 64 frames -> status -50"), 1);
-    EXPECT_EQ(hardware.runningIOProcs(), 1u);
 }
 
 TEST_F(Engine, FadesLastOneHundredFiftyMillisecondsInAndOneHundredTwentyOut)

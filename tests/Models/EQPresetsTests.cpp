@@ -5,27 +5,25 @@
 
 #include <cmath>
 #include <set>
+#include <tuple>
 
 using namespace sorva;
 
 TEST(EQConfig, DefaultHasFiveFlatBandsLowToHighEachWithItsOwnUuid)
 {
     const EQConfig& config = EQConfig::defaultConfig();
-    const std::vector<std::pair<std::string, double>> bands { { "Bass", 30 }, { "Low-Mid", 125 }, { "Mid", 500 },
-                                                              { "High-Mid", 2000 }, { "Treble", 8000 } };
-    std::vector<std::pair<std::string, double>> actual;
+    std::vector<std::tuple<std::string, double, double>> bands;
     std::set<std::string> ids;
     for (const EQBand& band : config.bands) {
-        actual.emplace_back(band.label, band.frequency);
-        EXPECT_EQ(band.gain, 0.0);
+        bands.emplace_back(band.label, band.frequency, band.gain);
         ids.insert(band.id);
     }
-    EXPECT_EQ(actual, bands);
+    EXPECT_EQ(bands, (decltype(bands) { { "Bass", 30, 0 }, { "Low-Mid", 125, 0 }, { "Mid", 500, 0 },
+                                        { "High-Mid", 2000, 0 }, { "Treble", 8000, 0 } }));
     EXPECT_EQ(ids.size(), 5u);
     EXPECT_EQ(config.outputGain, 0.0);
-    const EQBand band("Mid", 500, 0);
-    ASSERT_EQ(band.id.size(), 36u);
-    EXPECT_EQ(band.id[14], '4') << "version 4 UUID";
+    ASSERT_EQ(config.bands[0].id.size(), 36u);
+    EXPECT_EQ(config.bands[0].id[14], '4') << "version 4 UUID";
 }
 
 TEST(EQPresets, TableInPillOrder)
