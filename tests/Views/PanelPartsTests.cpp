@@ -1,10 +1,12 @@
 // The views that talk to the controller or the window: preset pills on the
-// controller with the simulated audio system, the window styler and the logo.
+// controller with the simulated audio system, the window styler, the logo and
+// the theme's fonts.
 #include "Views/GlassBackground.h"
 #include "Views/PanelWindowStyler.h"
 #include "Views/PillButton.h"
 #include "Views/PresetPills.h"
 #include "Views/SORVALogo.h"
+#include "Views/SORVATheme.h"
 
 #include "Audio/EQController.h"
 #include "Models/EQPresets.h"
@@ -12,6 +14,7 @@
 
 #include <gtest/gtest.h>
 
+#include <QFontInfo>
 #include <QFrame>
 #include <QVBoxLayout>
 
@@ -83,48 +86,41 @@ TEST_F(PresetPillsTest, ClickAppliesThePresetTheHighlightFollowsTheConfiguration
     }
 }
 
-TEST(PanelWindowStyler, StylesItsWindowHidesForeignBackgroundsAndDumpsOnlyWhenAsked)
+TEST(PanelWindowStyler, StylesItsWindowHidesForeignBackgroundsAndDumpsWhenAsked)
 {
-    for (const std::string inspect : { "true", "1" }) {
-        setenv("SORVA_INSPECT", inspect.c_str(), 1);
-        sorva::testing::LogCapture log;
-        QWidget window;
-        auto* glass = new GlassBackground(GlassBackground::hudWindow, &window);
-        glass->setAutoFillBackground(true);
-        auto* foreign = new QFrame(&window);
-        foreign->setFrameShape(QFrame::Box);
-        foreign->setAutoFillBackground(true);
-        auto* container = new QWidget(&window); // the styler's ancestor keeps its background
-        container->setAutoFillBackground(true);
-        auto* styler = new PanelWindowStyler(container);
-        new QVBoxLayout(container);
-        window.resize(320, 200);
-        window.show();
-        // Styling waits one turn of the event loop after the show.
-        ASSERT_TRUE(testing::processEventsUntil([&] { return styler->styledCount() > 0; }, 5s)) << inspect;
-        EXPECT_TRUE(window.testAttribute(Qt::WA_TranslucentBackground));
-        EXPECT_TRUE(window.windowFlags().testFlag(Qt::FramelessWindowHint));
-        EXPECT_FALSE(foreign->autoFillBackground());
-        EXPECT_EQ(foreign->frameShape(), QFrame::NoFrame);
-        EXPECT_TRUE(container->autoFillBackground());
-        EXPECT_TRUE(glass->autoFillBackground());
-        EXPECT_LT(window.palette().color(QPalette::Window).lightness(), 64);
-        // Only exactly "1" dumps the window line, then a line per widget.
-        const std::vector<std::string> lines = log.taken();
-        if (inspect != "1") {
-            EXPECT_TRUE(lines.empty()) << lines.front();
-            continue;
-        }
-        ASSERT_GE(lines.size(), 6u);
-        EXPECT_TRUE(lines[0].starts_with("window QWidget 320x200")) << lines[0];
-        EXPECT_EQ(lines[1], "QWidget frame=320x200 corner=12 sublayers=3");
-    }
+    setenv("SORVA_INSPECT", "1", 1);
+    sorva::testing::LogCapture log;
+    QWidget window;
+    auto* glass = new GlassBackground(GlassBackground::hudWindow, &window);
+    glass->setAutoFillBackground(true);
+    auto* foreign = new QFrame(&window);
+    foreign->setFrameShape(QFrame::Box);
+    foreign->setAutoFillBackground(true);
+    auto* container = new QWidget(&window); // the styler's ancestor keeps its background
+    container->setAutoFillBackground(true);
+    auto* styler = new PanelWindowStyler(container);
+    new QVBoxLayout(container);
+    window.resize(320, 200);
+    window.show();
+    // Styling waits one turn of the event loop after the show.
+    ASSERT_TRUE(testing::processEventsUntil([&] { return styler->styledCount() > 0; }, 5s));
     unsetenv("SORVA_INSPECT");
+    EXPECT_TRUE(window.testAttribute(Qt::WA_TranslucentBackground));
+    EXPECT_TRUE(window.windowFlags().testFlag(Qt::FramelessWindowHint));
+    EXPECT_FALSE(foreign->autoFillBackground());
+    EXPECT_EQ(foreign->frameShape(), QFrame::NoFrame);
+    EXPECT_TRUE(container->autoFillBackground());
+    EXPECT_TRUE(glass->autoFillBackground());
+    EXPECT_LT(window.palette().color(QPalette::Window).lightness(), 64);
+    // The dump: the window line, then a line per widget.
+    const std::vector<std::string> lines = log.taken();
+    ASSERT_GE(lines.size(), 6u);
+    EXPECT_TRUE(lines[0].starts_with("window QWidget 320x200")) << lines[0];
+    EXPECT_EQ(lines[1], "QWidget frame=320x200 corner=12 sublayers=3");
 }
 
 TEST(SORVALogo, ShowsTheImageAtItsHeightOrTheWordWithoutIt)
 {
-    testing::viewsApp();
     SORVALogo logo(34);
     ASSERT_TRUE(logo.showsImage());
     EXPECT_EQ(logo.sizeHint().height(), 34);
@@ -133,6 +129,31 @@ TEST(SORVALogo, ShowsTheImageAtItsHeightOrTheWordWithoutIt)
     SORVALogo fallback(34, QStringLiteral(":/no-such-logo.svg"));
     EXPECT_FALSE(fallback.showsImage());
     EXPECT_GT(fallback.sizeHint().width(), fallback.sizeHint().height()); // room for the word
+}
+
+TEST(SORVATheme, UsesTheBundledUrbanistFacesOrSaysWhyNot)
+{
+    testing::LogCapture log;
+    const bool registered = SORVATheme::registerFonts(); // already ran once: logs nothing more
+    EXPECT_TRUE(log.taken().empty());
+#ifdef SORVA_HAVE_URBANIST
+    ASSERT_TRUE(registered);
+    // The three weights resolve to their own faces, at pixel sizes.
+    for (auto weight : { QFont::Normal, QFont::Medium, QFont::DemiBold }) {
+        const QFont font = SORVATheme::font(10, weight);
+        const QFontInfo info(font);
+        EXPECT_EQ(info.family(), QStringLiteral("Urbanist"));
+        EXPECT_EQ(info.weight(), weight);
+        EXPECT_EQ(info.pixelSize(), 10);
+    }
+#else
+    EXPECT_FALSE(registered);
+#endif
+    // A pair outside the prepared seven is still the theme's family and size.
+    const QFont other = SORVATheme::font(13, QFont::Normal, 0.8);
+    EXPECT_EQ(other.pixelSize(), 13);
+    EXPECT_EQ(other.family(), QStringLiteral("Urbanist"));
+    EXPECT_NEAR(other.letterSpacing(), 0.8, 1.0 / 64); // stored in 1/64 pixel
 }
 
 } // namespace
