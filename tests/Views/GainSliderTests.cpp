@@ -52,7 +52,6 @@ void mouse(QWidget& widget, QEvent::Type type, double y, Qt::MouseButtons button
 
 TEST(VerticalGainSlider, WritesOnlyChangesFromDragsAndKeys)
 {
-    testing::viewsApp();
     VerticalGainSlider slider;
     slider.setTrackSize(116, 5);
     slider.resize(40, slider.sizeHint().height());
