@@ -136,7 +136,6 @@ TEST(OfflineProcess, EveryMistakeGivesOneLineExitStatusTwoAndLeavesNoFileBehind)
         { { "process", "music.wav", "fifo" }, "cannot write 'fifo': it is not a regular file" },
         { { "process", "music.wav", "keep.wav", "--preset", "jazz" }, "unknown preset 'jazz' (the presets are AirPods, Vocal, Electro, Rock)" },
         { { "process", "music.wav", "out.wav", "--gains", "1,2,3,4" }, "--gains needs 5 gains in dB separated by commas, one per band (got 4)" },
-        { { "process", "music.wav", "out.wav", "--gains", "1,2,3,4,5,6" }, "--gains needs 5 gains in dB separated by commas, one per band (got 6)" },
         { { "process", "music.wav", "out.wav", "--gains", "1,2,nan,4,5" }, "--gains needs finite numbers in dB" },
         { { "process", "music.wav", "out.wav", "--gains", "1,2,3,4,5dB" }, "--gains needs finite numbers in dB" },
         { { "process", "music.wav", "out.wav", "--output-gain", "loud" }, "--output-gain needs a finite number in dB (got 'loud')" },
