@@ -196,18 +196,26 @@ TEST_F(ControllerTest, SwitchRestoreAndStopStartTheEngineAndTearItDown)
     eq.stopProcessor();
 }
 
+// The spectrum display follows the engine only while it runs.
 TEST_F(ControllerTest, FirstSignalAfterSevenSecondsIsCapturingAndLaterSilenceWithNothingPlayingIsOnlyIdle)
 {
     auto& eq = make();
+    eq.startSpectrum();
+    int spectra = 0;
+    QObject::connect(&eq, &EQController::spectrumChanged, [&] { ++spectra; });
+    executor->advance(100ms);
+    EXPECT_EQ(spectra, 0) << "not running: no spectrum";
     switchOn();
     takeLines();
     int taps = hardware->callCount(Call::createProcessTap);
     for (int second = 1; second <= 37; ++second) {
         tick(second == 7);
-        if (second != 7)
+        if (second != 7) {
             EXPECT_EQ(eq.status(), Status::idle()) << "tick " << second;
-        else
+        } else {
             EXPECT_EQ(eq.status(), Status::capturing(0.25f, 0));
+            EXPECT_GT(std::ranges::max(eq.spectrum()), 0.0f);
+        }
     }
     EXPECT_TRUE(eq.isRunning());
     EXPECT_EQ(hardware->callCount(Call::createProcessTap), taps) << "no restart";
@@ -221,6 +229,12 @@ TEST_F(ControllerTest, FirstSignalAfterSevenSecondsIsCapturingAndLaterSilenceWit
     // Four cycles of 512 frames ran before each tick.
     EXPECT_TRUE(log[8].starts_with("frames 2048/s · peak 0.2500 · late 0/4 · maxGap ")) << log[8];
     EXPECT_TRUE(log[9].starts_with("frames 2048/s · peak 0.0000 · ")) << log[9];
+    EXPECT_GE(spectra, 30 * 30);
+    eq.stopSpectrum();
+    EXPECT_EQ(eq.spectrum(), std::vector<float>(16, 0.0f));
+    const int atStop = spectra;
+    executor->advance(1s);
+    EXPECT_EQ(spectra, atStop);
 }
 
 TEST_F(ControllerTest, NoSignalForNineTicksMeansPermissionDeniedWithoutForgettingTheSwitch)
@@ -424,26 +438,6 @@ TEST_F(ControllerTest, SleepAndWakeFromTheWatcherStopAndRestartWithMatchingStatu
     EXPECT_EQ(count(log, "didWakeNotification received"), 1u);
     // The watcher here has no bus to listen on, and says so once.
     EXPECT_EQ(countPrefix(log, "sleep and wake notifications unavailable: no system bus"), 1u);
-}
-
-TEST_F(ControllerTest, SpectrumFollowsTheEngineOnlyWhileRunningAndStopResetsIt)
-{
-    auto& eq = make();
-    eq.startSpectrum();
-    int changes = 0;
-    QObject::connect(&eq, &EQController::spectrumChanged, [&] { ++changes; });
-    executor->advance(100ms);
-    EXPECT_EQ(changes, 0) << "not running: nothing changes";
-    switchOn();
-    for (int i = 0; i < 10; ++i)
-        tick(true);
-    EXPECT_GE(changes, 250); // about 30 per second
-    EXPECT_GT(*std::max_element(eq.spectrum().begin(), eq.spectrum().end()), 0.0f);
-    eq.stopSpectrum();
-    EXPECT_EQ(eq.spectrum(), std::vector<float>(16, 0.0f));
-    int atStop = changes;
-    executor->advance(1s);
-    EXPECT_EQ(changes, atStop);
 }
 
 TEST_F(ControllerTest, LostServiceReleasesTheEngineAndStartsAgainOnlyOnceAnOutputIsBack)

@@ -111,11 +111,9 @@ TEST(EQSettings, HandWrittenAndDamagedFilesLoadAsDescribed)
         { "[General]\nbandGains=1, 2, 3, 4\noutputGain=3\n", {} },
         { "[General]\nbandGains=1, 2, 3, 4, 5, 6\noutputGain=3\n", {} },
         { "[General]\nbandGains=1, 2, loud, 4, 5\noutputGain=3\n", {} },
-        { "[General]\nbandGains=1, 2, , 4, 5\noutputGain=3\n", {} },
         { "[General]\nbandGains=1, 2, nan, 4, 5\noutputGain=3\n", {} },
         { "[General]\nbandGains=\"1, 2, 3", {} },
         { "[General]\nbandGains=1, 2, 3, 4, 5\noutputGain=2\n[Other]\nbandGains=9\n", { 1, 2, 3, 4, 5 }, 2 },
-        { "[General]\nbandGains=1, 2, 3, 4, 5\noutputGain=2\nbandGains=9\n", {} },
         { "bandGains=1, 2, 3, 4, 5\noutputGain=2\n", { 1, 2, 3, 4, 5 }, 2 },
         { "[General\x01\xff]\nbandGains=\x00\x01\x02\xfe\n\x7f\x80=\xc3\x28\n", {} },
     };

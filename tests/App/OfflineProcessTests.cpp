@@ -13,12 +13,10 @@
 #include <csignal>
 #include <fstream>
 #include <map>
-#include <optional>
 #include <pty.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
-#include <thread>
 #include <unistd.h>
 
 using namespace sorva;
@@ -118,6 +116,10 @@ TEST(OfflineProcess, EveryMistakeGivesOneLineExitStatusTwoAndLeavesNoFileBehind)
     std::filesystem::create_hard_link(folder / "music.wav", folder / "hardlink.wav");
     ASSERT_EQ(::mkfifo((folder / "fifo").c_str(), 0600), 0);
     std::ofstream(folder / "keep.wav") << "precious"; // must survive a failed run unchanged
+    // A header with no sample rate: said plainly, not in libsndfile's words.
+    std::string header = readFile(folder / "music.wav");
+    header.replace(24, 4, 4, '\0');
+    std::ofstream(folder / "rate-0.wav", std::ios::binary) << header;
     const std::vector<std::string> before = folder.names();
 
     // Each with the start of its one line.
@@ -125,6 +127,8 @@ TEST(OfflineProcess, EveryMistakeGivesOneLineExitStatusTwoAndLeavesNoFileBehind)
         { { "process", "missing.wav", "out.wav" }, "cannot read 'missing.wav': " },
         { { "process", "notes.txt", "out.wav" }, "cannot read 'notes.txt' as audio: " },
         { { "process", "empty.wav", "out.wav" }, "cannot read 'empty.wav' as audio: " },
+        { { "process", "rate-0.wav", "out.wav" },
+          "cannot read 'rate-0.wav' as audio: its header gives no usable sample rate or channel count" },
         { { "process", "music.wav", "music.wav" }, "input and output are the same file ('music.wav')" },
         { { "process", "music.wav", "link.wav" }, "input and output are the same file ('link.wav')" },
         { { "process", "music.wav", "hardlink.wav" }, "input and output are the same file ('hardlink.wav')" },
@@ -132,7 +136,6 @@ TEST(OfflineProcess, EveryMistakeGivesOneLineExitStatusTwoAndLeavesNoFileBehind)
         { { "process", "music.wav", "fifo" }, "cannot write 'fifo': it is not a regular file" },
         { { "process", "music.wav", "keep.wav", "--preset", "jazz" }, "unknown preset 'jazz' (the presets are AirPods, Vocal, Electro, Rock)" },
         { { "process", "music.wav", "out.wav", "--gains", "1,2,3,4" }, "--gains needs 5 gains in dB separated by commas, one per band (got 4)" },
-        { { "process", "music.wav", "out.wav", "--gains", "1,2,3,4,5,6" }, "--gains needs 5 gains in dB separated by commas, one per band (got 6)" },
         { { "process", "music.wav", "out.wav", "--gains", "1,2,nan,4,5" }, "--gains needs finite numbers in dB" },
         { { "process", "music.wav", "out.wav", "--gains", "1,2,3,4,5dB" }, "--gains needs finite numbers in dB" },
         { { "process", "music.wav", "out.wav", "--output-gain", "loud" }, "--output-gain needs a finite number in dB (got 'loud')" },
@@ -166,23 +169,16 @@ TEST(OfflineProcess, EveryMistakeGivesOneLineExitStatusTwoAndLeavesNoFileBehind)
     ::setrlimit(RLIMIT_FSIZE, &original);
     std::signal(SIGXFSZ, previous);
 
+    // Help wins over any mistake, on standard output.
+    const ProgramRun help = runSorva({ "process", "--gains", "nonsense", "--help" }, folder.path());
+    EXPECT_EQ(help.exitStatus, 0) << help.err;
+    for (const char* word : { "sorva process INPUT OUTPUT", "--preset", "--output-gain", "AirPods", "Rock" })
+        EXPECT_NE(help.out.find(word), std::string::npos) << word;
+    EXPECT_EQ(folder.names(), before);
+
     EXPECT_EQ(readFile(folder / "keep.wav"), "precious");
     EXPECT_EQ(readSound(folder / "music.wav").frames(), 44100) << "the same-file checks must not touch the input";
     EXPECT_TRUE(std::filesystem::is_fifo(folder / "fifo"));
-}
-
-TEST(OfflineProcess, HelpGoesToStandardOutputAndWinsOverEverythingElse)
-{
-    ScratchFolder folder;
-    ProgramRun run = runSorva({ "--help" }, folder.path());
-    EXPECT_EQ(run.exitStatus, 0);
-    EXPECT_NE(run.out.find("sorva process INPUT OUTPUT"), std::string::npos) << run.out;
-    // Help wins over anything else on the process command line.
-    run = runSorva({ "process", "--gains", "nonsense", "--help" }, folder.path());
-    EXPECT_EQ(run.exitStatus, 0) << run.err;
-    for (const char* word : { "--preset", "--gains", "--output-gain", "AirPods", "Vocal", "Electro", "Rock" })
-        EXPECT_NE(run.out.find(word), std::string::npos) << word;
-    EXPECT_EQ(folder.names(), std::vector<std::string> {});
 }
 
 TEST(OfflineProcess, ShowsProgressOnATerminalForLongFilesOnly)
@@ -245,78 +241,4 @@ TEST(OfflineProcess, AnInterruptedRunLeavesNeitherOutputNorTemporaryFile)
     EXPECT_EQ(sorva.exitCode(), 130);
     EXPECT_EQ(folder.names(), std::vector<std::string> {});
     EXPECT_EQ(sorva.readAllStandardError().toStdString(), "sorva: interrupted\n");
-}
-
-namespace {
-
-// A 32-bit float WAV with whatever header fields a hostile file may carry.
-std::string floatWav(uint32_t channels, uint32_t rate, const std::vector<float>& samples,
-                     std::optional<uint32_t> dataSizeField = std::nullopt)
-{
-    std::string h;
-    auto put = [&h](uint64_t value, int bytes) {
-        for (int i = 0; i < bytes; ++i)
-            h += char((value >> (8 * i)) & 0xff);
-    };
-    const uint32_t dataBytes = dataSizeField.value_or(uint32_t(samples.size() * 4));
-    h += "RIFF", put(36u + uint64_t(dataBytes), 4), h += "WAVEfmt ", put(16, 4), put(3, 2), put(channels, 2);
-    put(rate, 4), put(uint64_t(rate) * channels * 4, 4), put(channels * 4, 2), put(32, 2), h += "data", put(dataBytes, 4);
-    h.append(reinterpret_cast<const char*>(samples.data()), samples.size() * 4);
-    return h;
-}
-
-} // namespace
-
-// Hostile input files: each gives either a clear one-line error naming the
-// file (never libsndfile's internal wording) and no output, or a complete
-// output whose every sample is finite and within the limiter's ceiling. Non-
-// finite samples are the equalizer's to handle, and checked with it.
-TEST(OfflineProcess, HostileInputsGiveAClearErrorOrAFiniteLimitedFile)
-{
-    ScratchFolder folder;
-    std::vector<float> tone(2 * 4800);
-    for (size_t i = 0; i < tone.size(); ++i)
-        tone[i] = 0.5f * std::sin(0.05f * float(i / 2));
-    struct Case {
-        const char* name;
-        std::string bytes;
-        int64_t frames; // -1: refused
-    };
-    const Case cases[] = {
-        { "truncated.wav", floatWav(2, 48000, tone).substr(0, 44 + 100 * 8 + 3), 100 },
-        { "zero-channels.wav", floatWav(0, 48000, tone), -1 },
-        { "rate-0.wav", floatWav(2, 0, tone), -1 },
-        { "rate-max.wav", floatWav(2, UINT32_MAX, tone), -1 },
-        { "65535-channels.wav", floatWav(65535, 48000, tone), -1 },
-        { "data-past-the-end.wav", floatWav(2, 48000, tone, 0xfffffff0u), 4800 },
-        { "rifx.wav", "RIFX" + floatWav(2, 48000, tone).substr(4), -1 },
-    };
-    for (const Case& c : cases)
-        std::ofstream(folder / c.name, std::ios::binary) << c.bytes;
-    ASSERT_EQ(::mkfifo((folder / "pipe.wav").c_str(), 0600), 0);
-    std::thread writer([&] { std::ofstream(folder / "pipe.wav", std::ios::binary) << floatWav(2, 44100, tone); });
-
-    auto check = [&](const std::string& input, int64_t frames) {
-        SCOPED_TRACE(input);
-        const ProgramRun run = runSorva({ "process", input, "out.wav", "--preset", "rock" }, folder.path());
-        if (frames < 0) {
-            EXPECT_EQ(run.exitStatus, 2);
-            EXPECT_TRUE(run.err.starts_with("sorva: cannot read '" + input + "' as audio: ")) << run.err;
-            EXPECT_EQ(std::count(run.err.begin(), run.err.end(), '\n'), 1) << run.err;
-            EXPECT_EQ(run.err.find("Internal error"), std::string::npos) << run.err;
-            EXPECT_FALSE(std::filesystem::exists(folder / "out.wav"));
-            return;
-        }
-        ASSERT_EQ(run.exitStatus, 0) << run.err;
-        const Sound result = readSound(folder / "out.wav");
-        EXPECT_EQ(result.frames(), frames);
-        for (float sample : result.samples)
-            ASSERT_TRUE(std::isfinite(sample) && std::fabs(sample) <= 0.995f) << sample;
-        std::filesystem::remove(folder / "out.wav");
-    };
-    for (const Case& c : cases)
-        check(c.name, c.frames);
-    check("/dev/zero", -1);
-    check("pipe.wav", 4800);
-    writer.join();
 }

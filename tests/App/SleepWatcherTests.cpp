@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include <QDBusConnectionInterface>
 #include <QDBusMessage>
 #include <QProcess>
 
@@ -47,15 +48,16 @@ TEST(SleepWatcher, TurnsLogindsPrepareForSleepIntoSleepAndWakeAndIgnoresImpostor
             message << start;
             return sender.send(message);
         };
+        // The same signal from a program that is not logind is not a sleep:
+        // once the bus has answered the impostor, it has passed its signal
+        // on, ahead of logind's that follow.
+        ASSERT_TRUE(send(impostor, true));
+        ASSERT_TRUE(impostor.interface()->isServiceRegistered(QStringLiteral("org.freedesktop.login1")));
         ASSERT_TRUE(send(logind, true));
         ASSERT_TRUE(processEventsUntil([&] { return events.size() == 1; }, 5s));
         ASSERT_TRUE(send(logind, false));
         ASSERT_TRUE(processEventsUntil([&] { return events.size() == 2; }, 5s));
         EXPECT_EQ(events, (std::vector<std::string> { "sleep", "wake" }));
-        // The same signal from a program that is not logind is not a sleep.
-        ASSERT_TRUE(send(impostor, true));
-        processEventsUntil([] { return false; }, 50ms);
-        EXPECT_EQ(events.size(), 2u);
     }
     for (const auto& name : names)
         QDBusConnection::disconnectFromBus(name);

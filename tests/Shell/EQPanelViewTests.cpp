@@ -64,9 +64,8 @@ TEST_F(EQPanelViewTest, WhileOffTheBypassIsLockedAndEditsStillReachTheConfigurat
     // The output slider moves in half decibels and shows its value signed.
     auto* output = child<QSlider>("outputSlider");
     output->setFocus();
-    QTest::keyClick(output, Qt::Key_Left);
-    QTest::keyClick(output, Qt::Key_Left);
-    QTest::keyClick(output, Qt::Key_Left);
+    for (int step = 0; step < 3; ++step)
+        QTest::keyClick(output, Qt::Key_Left);
     EXPECT_DOUBLE_EQ(controller->config().outputGain, -1.5);
     QTest::keyClick(output, Qt::Key_Home);
     EXPECT_DOUBLE_EQ(controller->config().outputGain, -6.0);
