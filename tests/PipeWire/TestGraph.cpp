@@ -369,6 +369,13 @@ std::optional<uint32_t> TestGraph::nodeID(const std::string& nodeName)
     return std::nullopt;
 }
 
+std::optional<uint64_t> TestGraph::nodeSerial(const std::string& nodeName)
+{
+    const auto id = nodeID(nodeName);
+    LoopLock lock(data->loop);
+    return id ? std::optional(std::stoull(data->globals[*id].props[PW_KEY_OBJECT_SERIAL])) : std::nullopt;
+}
+
 bool TestGraph::linked(const std::string& from, const std::string& to)
 {
     const auto source = nodeID(from), target = nodeID(to);

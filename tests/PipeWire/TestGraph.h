@@ -94,6 +94,7 @@ public:
     void stopRecorder();
 
     std::optional<uint32_t> nodeID(const std::string& nodeName);
+    std::optional<uint64_t> nodeSerial(const std::string& nodeName);
     // Whether a link runs from the node named `from` to the node named `to`.
     bool linked(const std::string& from, const std::string& to);
     std::optional<std::string> metadata(uint32_t subject, const std::string& key);
