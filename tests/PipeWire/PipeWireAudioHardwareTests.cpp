@@ -109,24 +109,31 @@ TEST_F(PipeWireBackend, ListsTheProcessesThatPlayAndWhetherTheyRun)
     EXPECT_EQ(running, 0u);
 }
 
-TEST_F(PipeWireBackend, InTestModeRoutesOnlyTheNamedProgram)
+// The engine's settings from the environment: the test mode routes only the
+// program named, and the graph runs at the requested I/O buffer size while
+// the engine runs.
+TEST_F(PipeWireBackend, InTestModeRoutesOnlyTheNamedProgramAtTheRequestedBufferSize)
 {
     graph.startRecorder("speakers", 4800);
     graph.startPlayer(std::vector<float>(48000 * 2, 0.0f));
     ChildProcess other({ "pw-play", toneFile(session) });
     ASSERT_TRUE(TestGraph::waitFor([&] { return graph.nodeID("pw-play") && graph.nodeID("sorva_test_player"); }));
     ::setenv("SORVA_TAP_ONLY_BUNDLE_ID", "pw-cat", 1);
+    ::setenv("SORVA_IOBUF", "256", 1);
     EngineHost host;
     ::unsetenv("SORVA_TAP_ONLY_BUNDLE_ID");
+    ::unsetenv("SORVA_IOBUF");
     ASSERT_TRUE(host.started());
     ASSERT_TRUE(TestGraph::waitFor(
         [&] { return graph.linked("pw-play", "sorva_system_tap") && !graph.linked("pw-play", "speakers"); }));
+    EXPECT_TRUE(TestGraph::waitFor([&] { return graph.recorderCycleFrames() == 256; })) << graph.recorderCycleFrames();
     ASSERT_TRUE(graph.waitGraphFrames(14400)); // time for a wrong move to show
     EXPECT_TRUE(graph.linked("sorva_test_player", "speakers")) << "only the named program is routed";
     EXPECT_FALSE(graph.linked("sorva_test_player", "sorva_system_tap"));
     EXPECT_FALSE(graph.metadata(*graph.nodeID("sorva_test_player"), "target.object"));
     EXPECT_TRUE(host.stop());
     EXPECT_FALSE(graph.metadata(*graph.nodeID("pw-play"), "target.object"));
+    EXPECT_TRUE(TestGraph::waitFor([&] { return graph.recorderCycleFrames() == 1024; })) << "the request ends with it";
 }
 
 // A client the access rules restrict is told its permission is missing; one

@@ -19,26 +19,20 @@ using PipeWireEngine = GraphTest;
 
 // The 2 kHz band at -24 dB takes a 2 kHz tone down by 24 dB: an unprocessed
 // copy leaking through, or SORVA's output fed back into its tap, would not.
-// The graph runs at the requested I/O buffer size while the engine runs.
-TEST_F(PipeWireEngine, EqualizesAnotherProgramAtTheRequestedBufferSizeAndLeaksNothing)
+TEST_F(PipeWireEngine, EqualizesAnotherProgramLeaksNothingAndLeavesTheDefaultDevicesAlone)
 {
-    ::setenv("SORVA_IOBUF", "256", 1);
     EngineHost host({ "--gains", "0,0,0,-24,0" });
-    ::unsetenv("SORVA_IOBUF");
     ASSERT_TRUE(host.started());
     const auto signal = tone(48000, 2000.0, 0.25f);
     graph.startRecorder("speakers", 48000 * 3);
     graph.startPlayer(signal);
     ASSERT_TRUE(playerRoutedToTap(graph));
-    EXPECT_TRUE(TestGraph::waitFor([&] { return graph.recorderCycleFrames() == 256; })) << graph.recorderCycleFrames();
     ASSERT_TRUE(graph.waitGraphFrames(14400)); // the 150 ms fade-in plays out on silence
     EXPECT_NEAR(levelDB(playAndRecord(graph), signal), -24.0, 0.2);
     // The user's default devices stay what they were.
     EXPECT_EQ(graph.metadata(0, "default.audio.sink"), std::optional<std::string>("{\"name\":\"speakers\"}"));
     EXPECT_EQ(graph.metadata(0, "default.audio.source").value_or("").find("sorva"), std::string::npos);
     EXPECT_TRUE(host.stop());
-    // The request ends with the engine.
-    EXPECT_TRUE(TestGraph::waitFor([&] { return graph.recorderCycleFrames() == 1024; })) << graph.recorderCycleFrames();
 }
 
 TEST_F(PipeWireEngine, AddsNoLatencyToTheDirectPath)
