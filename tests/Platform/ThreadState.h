@@ -4,7 +4,7 @@
 #pragma once
 
 #include <fstream>
-#include <sstream>
+#include <iterator>
 #include <string>
 #include <sys/types.h>
 
@@ -13,9 +13,7 @@ namespace sorva::test {
 inline bool isAsleep(pid_t tid)
 {
     std::ifstream file("/proc/self/task/" + std::to_string(tid) + "/stat");
-    std::stringstream text;
-    text << file.rdbuf();
-    const std::string stat = text.str();
+    const std::string stat((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
     // "tid (command name) S …": the name may hold spaces or parentheses.
     const size_t end = stat.rfind(')');
     return end != std::string::npos && end + 2 < stat.size() && stat[end + 2] == 'S';

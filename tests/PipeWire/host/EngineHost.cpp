@@ -1,79 +1,100 @@
 // A SORVA engine in a process of its own, for the PipeWire integration tests
 // (they route their player like any other program's and may kill the engine).
 //
-//   sorva_pipewire_engine_host [--gains G1,G2,G3,G4,G5]
+//   sorva_pipewire_engine_host [--gains G1,G2,G3,G4,G5] [--buffered LATENCY_MS]
 //
-// Prints "READY" once started (or "FAILED <description>" and exits 1), then
-// runs until standard input closes or says "stop", stops, prints "STOPPED".
-// A configuration change rebuilds the engine as the controller does and
-// prints "REBUILT <device name> <rate>".
+// Runs the single-device engine, or with --buffered the buffered engine at
+// that latency. Prints "READY" once started (or "FAILED <description>" and
+// exits 1), then answers "stats" with "RING <underruns and resyncs since the
+// last stats> <frames buffered>" (buffered engine), and "stop" or the end of
+// its input by stopping and printing "STOPPED". A configuration change
+// rebuilds the single-device engine as the controller does and prints
+// "REBUILT <device name> <rate>"; a failed rebuild ends the host.
+#include "Audio/BufferedEQProcessor.h"
 #include "Audio/SystemEQProcessor.h"
 #include "Models/EQConfig.h"
 #include "Platform/ManualMainExecutor.h"
 #include "Platform/PipeWire/PipeWireAudioHardware.h"
+#include "Platform/PipeWire/PipeWireOutputEngine.h"
 
-#include <atomic>
 #include <functional>
 #include <iostream>
+#include <optional>
 #include <sstream>
+#include <string>
 #include <thread>
 
 using namespace sorva;
 
 int main(int argc, char** argv)
 {
-    std::vector<double> gains(5, 0.0);
-    for (int i = 1; i < argc; ++i) {
-        std::string arg = argv[i];
-        if (arg == "--gains" && i + 1 < argc) {
-            std::stringstream list(argv[++i]);
+    std::vector<EQBand> bands = EQConfig::defaultConfig().bands;
+    std::optional<double> bufferedLatency;
+    for (int i = 1; i < argc; i += 2) {
+        const std::string option = argv[i];
+        if (i + 1 < argc && option == "--gains") {
+            std::stringstream list(argv[i + 1]);
             std::string item;
-            for (size_t band = 0; band < gains.size() && std::getline(list, item, ','); ++band)
-                gains[band] = std::stod(item);
+            for (EQBand& band : bands)
+                if (std::getline(list, item, ','))
+                    band.gain = std::stod(item);
+        } else if (i + 1 < argc && option == "--buffered") {
+            bufferedLatency = std::stod(argv[i + 1]);
         } else {
-            std::cerr << "unknown argument " << arg << "\n";
+            std::cerr << "unknown argument " << option << "\n";
             return 2;
         }
     }
 
     PipeWireAudioHardware hardware;
-
     ManualMainExecutor executor;
-    std::vector<EQBand> bands = EQConfig::defaultConfig().bands;
-    for (size_t band = 0; band < bands.size() && band < gains.size(); ++band)
-        bands[band].gain = gains[band];
+    const auto bandCount = static_cast<int64_t>(bands.size());
     std::unique_ptr<SystemEQProcessor> engine;
-    std::function<bool()> startEngine = [&] {
-        engine = std::make_unique<SystemEQProcessor>(static_cast<int64_t>(bands.size()), hardware, executor);
+    std::unique_ptr<BufferedEQProcessor> buffered;
+    std::function<void()> start = [&] {
+        if (bufferedLatency) {
+            buffered = std::make_unique<BufferedEQProcessor>(bandCount, *bufferedLatency, hardware,
+                                                             std::make_unique<PipeWireOutputEngine>(), executor);
+            buffered->start(bands, 0.0);
+            return;
+        }
+        engine = std::make_unique<SystemEQProcessor>(bandCount, hardware, executor);
         engine->onConfigurationChange = [&] {
             engine->stop();
-            bool started = startEngine();
-            std::cout << (started ? "REBUILT " + engine->outputDeviceName + " " + std::to_string(engine->sampleRate) : "REBUILD FAILED") << std::endl;
+            start(); // a failed rebuild ends the host
+            std::cout << "REBUILT " << engine->outputDeviceName << " " << std::to_string(engine->sampleRate) << std::endl;
         };
-        try {
-            engine->start(bands, 0.0);
-        } catch (const AudioTapError& error) {
-            std::cout << "FAILED " << error.errorDescription() << std::endl;
-            return false;
-        }
-        return true;
+        engine->start(bands, 0.0);
     };
-    if (!startEngine())
+    try {
+        start();
+    } catch (const std::exception& error) {
+        std::cout << "FAILED " << error.what() << std::endl;
         return 1;
+    }
     std::cout << "READY" << std::endl;
 
-    // The main thread sleeps in the executor: the host must cost no CPU.
-    std::atomic<bool> stopRequested { false };
+    // The main thread sleeps in the executor, so that the host costs no CPU
+    // of its own; commands reach it as jobs.
+    bool stopping = false;
     std::thread reader([&] {
-        std::string line;
-        while (std::getline(std::cin, line) && line.find("stop") == std::string::npos) {
+        std::string command;
+        while (std::getline(std::cin, command) && command != "stop") {
+            if (command == "stats" && buffered)
+                executor.post([&] {
+                    const StereoRingBuffer::Snapshot ring = buffered->ring.snapshot();
+                    std::cout << "RING " << ring.underruns << " " << ring.buffered << std::endl;
+                });
         }
-        executor.post([&] { stopRequested = true; });
+        executor.post([&] { stopping = true; });
     });
-    while (!stopRequested)
+    while (!stopping)
         executor.runNext(std::chrono::hours(1));
     reader.join();
-    engine->stop();
+    if (engine)
+        engine->stop();
+    if (buffered)
+        buffered->stop();
     executor.runPending();
     std::cout << "STOPPED" << std::endl;
     return 0;
