@@ -354,6 +354,7 @@ void EQController::startSingleDeviceProcessor()
     engine->onConfigurationChange = restartOnConfigurationChange();
     // The engine starts with the real configuration; a bypass that is on
     // takes effect at the next pushConfig().
+    engine->spectrum.setActive(spectrumShown.load());
     engine->start(configValue.bands, configValue.outputGain);
     processor = std::move(engine);
     primeMonitorState();
@@ -373,6 +374,7 @@ void EQController::startBufferedProcessor()
                                                         *environment.mainExecutor, environment.engineWait,
                                                         environment.monotonicClock);
     engine->onConfigurationChange = restartOnConfigurationChange();
+    engine->spectrum.setActive(spectrumShown.load());
     engine->start(configValue.bands, configValue.outputGain);
     buffered = std::move(engine);
     primeMonitorState();
@@ -435,18 +437,24 @@ void EQController::handleLifecycleState(AudioLifecycleState state)
 
 // --- Spectrum display --------------------------------------------------------
 
+SpectrumAnalyzer* EQController::currentAnalyzer() const
+{
+    return buffered ? &buffered->spectrum : processor ? &processor->spectrum : nullptr;
+}
+
 void EQController::startSpectrum()
 {
     if (spectrumTimer)
         return;
+    spectrumShown = true;
+    if (SpectrumAnalyzer* analyzer = currentAnalyzer())
+        analyzer->setActive(true);
     spectrumTimer = environment.mainExecutor->scheduleRepeating(
         std::chrono::nanoseconds(1'000'000'000 / 30), [this] {
             postToMain([this] {
                 if (!runningValue)
                     return;
-                SpectrumAnalyzer* analyzer = buffered ? &buffered->spectrum
-                                             : processor ? &processor->spectrum
-                                                         : nullptr;
+                SpectrumAnalyzer* analyzer = currentAnalyzer();
                 if (!analyzer)
                     return;
                 auto levels = analyzer->levels();
@@ -457,6 +465,9 @@ void EQController::startSpectrum()
 
 void EQController::stopSpectrum()
 {
+    spectrumShown = false;
+    if (SpectrumAnalyzer* analyzer = currentAnalyzer())
+        analyzer->setActive(false);
     spectrumTimer.reset();
     setSpectrum(std::vector<float>(spectrumBandCount, 0.0f));
 }
@@ -543,6 +554,9 @@ void EQController::poll()
     }
 
     logFirstFrame(buffered ? buffered->timing : processor->timing);
+    // An engine started while the display was opened or closed may have
+    // read the switch just before it changed.
+    currentAnalyzer()->setActive(spectrumShown.load());
 
     bool signal = peak > 0;
     if (signal)

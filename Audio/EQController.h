@@ -24,6 +24,7 @@
 #include <QObject>
 #include <QString>
 
+#include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <deque>
@@ -43,6 +44,7 @@ class BufferedEQProcessor;
 class OutputEngine;
 class RenderTiming;
 class SleepWatcher;
+class SpectrumAnalyzer;
 class SystemEQProcessor;
 
 class EQController final : public QObject {
@@ -222,6 +224,11 @@ private:
     QString diagnosticsValue;
 
     std::unique_ptr<MainExecutor::Timer> spectrumTimer;
+    // The running engine's analyzer, if an engine runs.
+    SpectrumAnalyzer* currentAnalyzer() const;
+    // Whether the spectrum display runs: an engine started meanwhile (on the
+    // lifecycle's thread) feeds its analyzer only then.
+    std::atomic<bool> spectrumShown { false };
     int64_t lastCapturedFrames = 0;
     std::optional<std::string> lastError;
     std::unique_ptr<SystemEQProcessor> processor;

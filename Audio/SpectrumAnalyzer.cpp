@@ -69,10 +69,12 @@ SpectrumAnalyzer::~SpectrumAnalyzer()
 
 void SpectrumAnalyzer::push(const float* interleaved, int64_t frames, int64_t channels) noexcept
 {
-    if (!interleaved || frames < 1 || channels < 1)
+    if (!interleaved || frames < 1 || channels < 1 || !isActive())
         return;
     const float divisor = static_cast<float>(channels);
     std::lock_guard guard(lock);
+    if (!isActive())
+        return;
     // In runs up to the ring's end (only the last ringSize frames survive).
     for (int64_t frame = 0; frame < frames;) {
         const int64_t run = std::min(frames - frame, ringSize - writeIndex);
@@ -91,9 +93,11 @@ void SpectrumAnalyzer::push(const float* interleaved, int64_t frames, int64_t ch
 
 void SpectrumAnalyzer::pushPlanar(const float* left, const float* right, int64_t frames) noexcept
 {
-    if (!left || !right || frames < 1)
+    if (!left || !right || frames < 1 || !isActive())
         return;
     std::lock_guard guard(lock);
+    if (!isActive())
+        return;
     for (int64_t frame = 0; frame < frames;) {
         const int64_t run = std::min(frames - frame, ringSize - writeIndex);
         float* slot = ring.data() + writeIndex;
@@ -101,6 +105,19 @@ void SpectrumAnalyzer::pushPlanar(const float* left, const float* right, int64_t
             slot[i] = (left[frame + i] + right[frame + i]) * 0.5f;
         frame += run;
         writeIndex = (writeIndex + run) % ringSize;
+    }
+}
+
+void SpectrumAnalyzer::setActive(bool on) noexcept
+{
+    if (on == isActive())
+        return;
+    std::lock_guard guard(lock);
+    active.store(on, std::memory_order_relaxed);
+    if (!on) {
+        std::fill(ring.begin(), ring.end(), 0.0f);
+        writeIndex = 0;
+        smoothed.fill(0.0f);
     }
 }
 

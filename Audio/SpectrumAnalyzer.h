@@ -1,6 +1,10 @@
 // SpectrumAnalyzer: sixteen bar heights (0 … 1) of the processed output for
 // the panel's spectrum display.
 //
+// It is fed only while something shows its levels (setActive): while the
+// panel's spectrum is hidden, which is most of the time, pushes return at
+// once and the render path pays nothing for it.
+//
 // Threading: push()/pushPlanar() run on the audio thread and take `lock` only
 // to append to the 1024-sample ring (no allocation). levels() runs on the main
 // thread; it takes `lock` only to copy the ring, and everything else it touches
@@ -12,6 +16,7 @@
 #include "Platform/UnfairLock.h"
 
 #include <array>
+#include <atomic>
 #include <cstdint>
 #include <vector>
 
@@ -38,6 +43,12 @@ public:
     // The smoothed bar heights, lowest band first, each 0 … 1. Main thread.
     Levels levels() noexcept;
 
+    // Whether pushes are kept (initially not). Switching off forgets the
+    // history and the smoothing, so that switching on again never shows the
+    // sound of back then. Main thread (or before the analyzer is shared).
+    void setActive(bool active) noexcept;
+    bool isActive() const noexcept { return active.load(std::memory_order_relaxed); }
+
     // First and one-past-last transform bin read by band b (b = 0 … 15).
     static int64_t bandLowBin(int64_t band) noexcept;
     static int64_t bandHighBin(int64_t band) noexcept;
@@ -49,6 +60,10 @@ private:
     fftwf_plan_s* setup = nullptr;
     std::vector<float> ring;
     int64_t writeIndex = 0;
+    // Read without the lock first (the audio thread's fast way out), and
+    // again under it, so that no push lands after setActive(false) cleared
+    // the ring.
+    std::atomic<bool> active { false };
     UnfairLock lock;
     std::vector<float> window;
     float* samples = nullptr;  // transform input, aligned for FFTW

@@ -232,9 +232,12 @@ TEST_F(ControllerTest, FirstSignalAfterSevenSecondsIsCapturingAndLaterSilenceWit
     EXPECT_GE(spectra, 30 * 30);
     eq.stopSpectrum();
     EXPECT_EQ(eq.spectrum(), std::vector<float>(16, 0.0f));
+    // A second of sound with the display closed: nothing shown, and the
+    // engine kept nothing for it either.
     const int atStop = spectra;
-    executor->advance(1s);
+    tick(true);
     EXPECT_EQ(spectra, atStop);
+    EXPECT_EQ(eq.singleDeviceProcessor()->spectrum.levels(), SpectrumAnalyzer::Levels {});
 }
 
 TEST_F(ControllerTest, NoSignalForNineTicksMeansPermissionDeniedWithoutForgettingTheSwitch)

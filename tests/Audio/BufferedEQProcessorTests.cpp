@@ -140,6 +140,7 @@ TEST(BufferedEQProcessor, PlaysTheTapThroughTheRingEqualized)
 
     Rig rig;
     rig.start(bands);
+    rig.processor->spectrum.setActive(true);
     std::vector<float> captured(2 * 256), played;
     for (uint64_t t = 0; t < 400 * 256;) {
         for (size_t i = 0; i < 256; ++i, ++t)

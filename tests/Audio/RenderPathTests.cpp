@@ -180,6 +180,8 @@ TEST_F(RenderPath, GateClosesOnTheBlockThatReachesOneSecondOfZerosFreezingFadeAn
 {
     startFades(100000); // still ramping throughout
     SpectrumAnalyzer referenceSpectrum;
+    spectrum.setActive(true);
+    referenceSpectrum.setActive(true);
     auto feed = [&](std::vector<float> in, bool planar) {
         auto out = processed(in, 2, 2, planar);
         referenceSpectrum.push(out.data(), int64_t(out.size() / 2), 2);

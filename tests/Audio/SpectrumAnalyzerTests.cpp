@@ -28,6 +28,7 @@ std::vector<float> sineOnBin(double bin, double amplitude)
 TEST(SpectrumAnalyzer, BinCentredSineLightsBand11RisingQuicklyAndFallingSlowly)
 {
     SpectrumAnalyzer loud;
+    loud.setActive(true);
     // Full scale reads about +10.3 dB, clamped to 1; the bar rises 60 % of the way per call.
     const std::vector<float> full = sineOnBin(100, 1.0);
     loud.push(full.data(), N, 1);
@@ -56,6 +57,8 @@ TEST(SpectrumAnalyzer, MixesChannelsToMonoAndAllocatesNothing)
         inverted[n] = -sine[n];
     }
     SpectrumAnalyzer mono, interleaved, planar, cancelled;
+    for (SpectrumAnalyzer* analyzer : { &mono, &interleaved, &planar, &cancelled })
+        analyzer->setActive(true);
     mono.push(half.data(), N, 1);
     SpectrumAnalyzer::Levels levels[3] {};
     EXPECT_EQ(test::allocationsDuring([&] {
@@ -70,4 +73,23 @@ TEST(SpectrumAnalyzer, MixesChannelsToMonoAndAllocatesNothing)
     EXPECT_EQ(levels[0], expected);
     EXPECT_EQ(levels[1], expected);
     EXPECT_EQ(levels[2], SpectrumAnalyzer::Levels {});
+}
+
+// Nothing is kept while no display is active, and switching off forgets the
+// history and the bars at once: on again, it never shows the old sound.
+TEST(SpectrumAnalyzer, KeepsNothingWhileInactiveAndForgetsEverythingWhenSwitchedOff)
+{
+    const std::vector<float> full = sineOnBin(100, 1.0);
+    SpectrumAnalyzer analyzer;
+    analyzer.push(full.data(), N, 1);
+    analyzer.pushPlanar(full.data(), full.data(), N);
+    EXPECT_EQ(analyzer.levels(), SpectrumAnalyzer::Levels {}) << "inactive from the start";
+    analyzer.setActive(true);
+    analyzer.pushPlanar(full.data(), full.data(), N);
+    EXPECT_NEAR(analyzer.levels()[11], 0.6f, 1e-6);
+    analyzer.setActive(false);
+    EXPECT_EQ(analyzer.levels(), SpectrumAnalyzer::Levels {});
+    analyzer.push(full.data(), N, 1);
+    analyzer.setActive(true);
+    EXPECT_EQ(analyzer.levels(), SpectrumAnalyzer::Levels {});
 }

@@ -256,6 +256,7 @@ TEST_F(Engine, RunsAgainstAnIOThreadWhileTheMainThreadUpdatesAndPolls)
 {
     // Meant for the thread sanitizer: 1 ms cycles against the controller's main-thread work.
     SystemEQProcessor& eq = started();
+    eq.spectrum.setActive(true);
     SimulatedRealtimeDriver driver(hardware, 48000.0, 48);
     const auto cyclesPass = [&](int64_t count) {
         for (const int64_t target = driver.cycles() + count; driver.cycles() < target;)
@@ -269,6 +270,7 @@ TEST_F(Engine, RunsAgainstAnIOThreadWhileTheMainThreadUpdatesAndPolls)
         eq.eq.update(bands, (n % 3) - 1.0, eq.sampleRate);
         frames += eq.stats.snapshot().frames;
         eq.timing.snapshot();
+        eq.spectrum.setActive(n % 4 != 3); // clears the ring while the IO thread pushes
         eq.spectrum.levels();
         cyclesPass(1);
     }
