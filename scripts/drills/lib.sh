@@ -90,7 +90,6 @@ logged_count() { grep -c -E -- "$1" "$LOGS/sorva.log" 2>/dev/null; }
 # Lines after the first N lines of the log (what happened since a mark).
 log_lines() { wc -l <"$LOGS/sorva.log"; }
 logged_since() { tail -n "+$(( $1 + 1 ))" "$LOGS/sorva.log" | grep -E -- "$2"; }
-wait_logged_since() { wait_until "$1" eval 'logged_since "$2" "$3" >/dev/null'; }
 
 # A stereo sine (FILE SECONDS [FREQUENCY]) at 48 kHz, -12 dBFS.
 make_tone() {
