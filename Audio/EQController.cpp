@@ -354,7 +354,7 @@ void EQController::startSingleDeviceProcessor()
     engine->onConfigurationChange = restartOnConfigurationChange();
     // The engine starts with the real configuration; a bypass that is on
     // takes effect at the next pushConfig().
-    engine->spectrum.setActive(spectrumShown.load());
+    engine->spectrum.setActive(spectrumShown);
     engine->start(configValue.bands, configValue.outputGain);
     processor = std::move(engine);
     primeMonitorState();
@@ -374,7 +374,7 @@ void EQController::startBufferedProcessor()
                                                         *environment.mainExecutor, environment.engineWait,
                                                         environment.monotonicClock);
     engine->onConfigurationChange = restartOnConfigurationChange();
-    engine->spectrum.setActive(spectrumShown.load());
+    engine->spectrum.setActive(spectrumShown);
     engine->start(configValue.bands, configValue.outputGain);
     buffered = std::move(engine);
     primeMonitorState();
@@ -554,9 +554,6 @@ void EQController::poll()
     }
 
     logFirstFrame(buffered ? buffered->timing : processor->timing);
-    // An engine started while the display was opened or closed may have
-    // read the switch just before it changed.
-    currentAnalyzer()->setActive(spectrumShown.load());
 
     bool signal = peak > 0;
     if (signal)

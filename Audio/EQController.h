@@ -24,7 +24,6 @@
 #include <QObject>
 #include <QString>
 
-#include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <deque>
@@ -226,9 +225,9 @@ private:
     std::unique_ptr<MainExecutor::Timer> spectrumTimer;
     // The running engine's analyzer, if an engine runs.
     SpectrumAnalyzer* currentAnalyzer() const;
-    // Whether the spectrum display runs: an engine started meanwhile (on the
-    // lifecycle's thread) feeds its analyzer only then.
-    std::atomic<bool> spectrumShown { false };
+    // Whether the spectrum display runs; an engine started while it does
+    // feeds its analyzer from the start.
+    bool spectrumShown = false;
     int64_t lastCapturedFrames = 0;
     std::optional<std::string> lastError;
     std::unique_ptr<SystemEQProcessor> processor;

@@ -45,7 +45,7 @@ public:
 
     // Whether pushes are kept (initially not). Switching off forgets the
     // history and the smoothing, so that switching on again never shows the
-    // sound of back then. Main thread (or before the analyzer is shared).
+    // sound of back then. Main thread.
     void setActive(bool active) noexcept;
     bool isActive() const noexcept { return active.load(std::memory_order_relaxed); }
 
