@@ -2,19 +2,13 @@
 
 namespace sorva {
 
-bool LogOnce::claim()
+bool LogOnce::claim() noexcept
 {
-    std::lock_guard guard(lock);
-    if (fired)
-        return false;
-    fired = true;
-    return true;
+    // The load keeps the common case (already fired) free of a locked
+    // read-modify-write; exchange decides between racing first callers.
+    return !fired.load(std::memory_order_relaxed) && !fired.exchange(true, std::memory_order_relaxed);
 }
 
-bool LogOnce::hasFired()
-{
-    std::lock_guard guard(lock);
-    return fired;
-}
+bool LogOnce::hasFired() const noexcept { return fired.load(std::memory_order_relaxed); }
 
 } // namespace sorva
