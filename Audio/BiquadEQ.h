@@ -20,6 +20,7 @@
 #pragma once
 
 #include "Models/EQBand.h"
+#include "Platform/HotPath.h"
 
 #include <atomic>
 #include <cstdint>
@@ -44,8 +45,8 @@ public:
     void update(const std::vector<EQBand>& bands, double outputGainDB, double sampleRate);
 
     // Audio thread: filters in place, then the gain stage and limiter.
-    void processInterleaved(float* buffer, int64_t frames, int64_t channels) noexcept;
-    void processPlanar(float* left, float* right, int64_t frames) noexcept;
+    SORVA_HOT void processInterleaved(float* buffer, int64_t frames, int64_t channels) noexcept;
+    SORVA_HOT void processPlanar(float* left, float* right, int64_t frames) noexcept;
 
     // The same operations always through the plain per-band loops, in the
     // order the filter is defined by. Same contract as above.
@@ -58,7 +59,7 @@ public:
 
     // Clears the filter memory and the limiter envelope; coefficients, gains
     // and the bank index stay.
-    void reset() noexcept;
+    SORVA_HOT void reset() noexcept;
 
     // Read-only views for tests and diagnostics.
     int64_t bands() const { return bandCount; }
@@ -87,11 +88,11 @@ private:
     };
 
     // Copies the published bank into blockBank (audio thread).
-    void loadPublishedBank() noexcept;
-    BlockGains loadGains() const noexcept;
-    bool processStereoFast(float* left, float* right, int64_t stride, int64_t frames) noexcept;
+    SORVA_HOT void loadPublishedBank() noexcept;
+    SORVA_HOT BlockGains loadGains() const noexcept;
+    SORVA_HOT bool processStereoFast(float* left, float* right, int64_t stride, int64_t frames) noexcept;
     void filterInterleavedScalar(float* buffer, int64_t frames, int64_t channels) noexcept;
-    void clearNonFinite() noexcept;
+    SORVA_HOT void clearNonFinite() noexcept;
     void planarScalar(float* left, float* right, int64_t frames) noexcept;
     void limitInterleaved(float* buffer, int64_t frames, int64_t channels) noexcept;
     void filterChannel(float* samples, int64_t frames, int64_t stride, float* channelState) noexcept;

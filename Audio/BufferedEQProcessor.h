@@ -30,6 +30,7 @@
 #include "Audio/TapAggregate.h"
 #include "Models/EQBand.h"
 #include "Platform/AudioHardware.h"
+#include "Platform/HotPath.h"
 #include "Platform/MainExecutor.h"
 #include "Platform/MonotonicClock.h"
 #include "Platform/OutputEngine.h"
@@ -89,10 +90,10 @@ public:
 
     // The capture procedure, one hardware buffer: the input's first buffer,
     // taken as interleaved stereo, into the ring. Real-time safe.
-    static void captureCycle(StereoRingBuffer& ring, const AudioBufferList* input) noexcept;
+    SORVA_HOT static void captureCycle(StereoRingBuffer& ring, const AudioBufferList* input) noexcept;
     // The render procedure, one output block. Always returns 0 and never sets
     // the silence flag. Real-time safe.
-    static OSStatus renderCycle(RenderContext& context, uint32_t frameCount, AudioBufferList* output) noexcept;
+    SORVA_HOT static OSStatus renderCycle(RenderContext& context, uint32_t frameCount, AudioBufferList* output) noexcept;
 
     // What the engine currently owns (0 = nothing).
     AudioObjectID currentTapID() const { return tapAggregate.currentTapID(); }

@@ -136,7 +136,7 @@ std::error_code writeFileAtomically(const fs::path& file, const std::string& tex
 // so the vector part bypasses the cache (streaming stores): the audio thread
 // then pays no read-for-ownership miss per cache line written, which made
 // the plain frame-by-frame copy cost three times the equalizer itself.
-void interleaveIntoHistory(const float* left, const float* right, float* out, int64_t frames) noexcept
+SORVA_HOT void interleaveIntoHistory(const float* left, const float* right, float* out, int64_t frames) noexcept
 {
     int64_t i = 0;
 #if defined(__SSE2__)

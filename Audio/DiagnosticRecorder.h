@@ -12,6 +12,7 @@
 // the audio thread (it is what the queue runs).
 #pragma once
 
+#include "Platform/HotPath.h"
 #include "Platform/MainExecutor.h"
 #include "Platform/SerialQueue.h"
 #include "Platform/PriorityInheritanceMutex.h"
@@ -54,10 +55,10 @@ public:
     DiagnosticRecorder& operator=(const DiagnosticRecorder&) = delete;
 
     // Two interleaved blocks of frames × channels samples. Audio thread.
-    void push(const float* raw, const float* processed, int64_t frames) noexcept;
+    SORVA_HOT void push(const float* raw, const float* processed, int64_t frames) noexcept;
     // The same from planar stereo blocks (a recorder of two channels; any
     // other ignores them). Audio thread.
-    void pushPlanar(const float* rawLeft, const float* rawRight, const float* processedLeft,
+    SORVA_HOT void pushPlanar(const float* rawLeft, const float* rawRight, const float* processedLeft,
                     const float* processedRight, int64_t frames) noexcept;
 
     // Replaces any running timer by one that captures "chunk" every

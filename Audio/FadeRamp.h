@@ -7,6 +7,7 @@
 // few loads and stores; the sample loops run outside it. Nothing allocates.
 #pragma once
 
+#include "Platform/HotPath.h"
 #include "Platform/UnfairLock.h"
 
 #include <cstdint>
@@ -22,8 +23,8 @@ public:
 
     // In place, on `frames` frames of `channels` interleaved samples. After a
     // finished fade-out every block comes out silent until a new ramp starts.
-    void apply(float* buffer, int64_t frames, int64_t channels) noexcept;
-    void applyPlanar(float* left, float* right, int64_t frames) noexcept;
+    SORVA_HOT void apply(float* buffer, int64_t frames, int64_t channels) noexcept;
+    SORVA_HOT void applyPlanar(float* left, float* right, int64_t frames) noexcept;
 
 private:
     struct Progress {
@@ -32,7 +33,7 @@ private:
         int64_t total;
     };
     // Takes this block's frames off the ramp; direction 0 means no ramp.
-    Progress advance(int64_t frames) noexcept;
+    SORVA_HOT Progress advance(int64_t frames) noexcept;
 
     UnfairLock lock;
     int64_t remaining = 0; // frames of the ramp not yet played

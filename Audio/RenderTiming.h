@@ -8,6 +8,7 @@
 #pragma once
 
 #include "Platform/HostClock.h"
+#include "Platform/HotPath.h"
 #include "Platform/UnfairLock.h"
 
 #include <cstdint>
@@ -28,14 +29,14 @@ public:
     // Host-clock ticks at the callback's start and end, its frame count and
     // whether it handed the device anything but silence. A clock that ever
     // ran backwards counts as no time having passed.
-    void record(uint64_t began, uint64_t ended, int64_t frames, bool sounding = true) noexcept;
+    SORVA_HOT void record(uint64_t began, uint64_t ended, int64_t frames, bool sounding = true) noexcept;
 
     // The figures since the previous snapshot; all four start again from 0.
     // The end of the last callback is kept, so the next gap is still measured.
     Snapshot snapshot() noexcept;
     // The stream was paused or suspended: the next callback starts a new
     // baseline instead of counting the pause as its gap. Audio thread.
-    void forgetLastCallback() noexcept;
+    SORVA_HOT void forgetLastCallback() noexcept;
 
     // Host ticks at the end of the first sounding callback (the first
     // processed block with sound handed to the device), or 0 before it.

@@ -6,6 +6,8 @@
 // Threads: only the audio thread touches it after construction; no lock.
 #pragma once
 
+#include "Platform/HotPath.h"
+
 #include <cstdint>
 
 namespace sorva {
@@ -14,7 +16,7 @@ class SilenceGate {
 public:
     // blockIsSilent: every sample of the block is exactly 0.0. Returns whether
     // the block is gated.
-    bool observe(bool blockIsSilent, int64_t frames, int64_t limitFrames) noexcept;
+    SORVA_HOT bool observe(bool blockIsSilent, int64_t frames, int64_t limitFrames) noexcept;
 
     bool isGated() const noexcept { return gated; }
 

@@ -13,6 +13,7 @@
 // is made once, in the constructor.
 #pragma once
 
+#include "Platform/HotPath.h"
 #include "Platform/UnfairLock.h"
 
 #include <array>
@@ -36,9 +37,9 @@ public:
 
     // Appends the mono mix (mean of the channels) of `frames` interleaved
     // frames. Audio thread.
-    void push(const float* samples, int64_t frames, int64_t channels) noexcept;
+    SORVA_HOT void push(const float* samples, int64_t frames, int64_t channels) noexcept;
     // Appends (left + right) × 0.5 of `frames` planar frames. Audio thread.
-    void pushPlanar(const float* left, const float* right, int64_t frames) noexcept;
+    SORVA_HOT void pushPlanar(const float* left, const float* right, int64_t frames) noexcept;
 
     // The smoothed bar heights, lowest band first, each 0 … 1. Main thread.
     Levels levels() noexcept;

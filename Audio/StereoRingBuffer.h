@@ -11,6 +11,7 @@
 // interpolation loop. Nothing allocates after construction.
 #pragma once
 
+#include "Platform/HotPath.h"
 #include "Platform/UnfairLock.h"
 
 #include <cstdint>
@@ -36,11 +37,11 @@ public:
 
     // Appends an interleaved stereo block; count is in samples. Blocks of
     // fewer than 1 or more than `capacity` samples are ignored.
-    void write(const float* samples, int64_t count) noexcept;
+    SORVA_HOT void write(const float* samples, int64_t count) noexcept;
 
     // Fills left[0 … frames) and right[0 … frames), with silence where there
     // is no audio.
-    void read(float* left, float* right, int64_t frames) noexcept;
+    SORVA_HOT void read(float* left, float* right, int64_t frames) noexcept;
 
     // Resets peak, underruns and resyncs; the frame counters keep running.
     Snapshot snapshot() noexcept;

@@ -1,36 +1,13 @@
 #include "Audio/StreamStats.h"
 
-#include <cmath>
 #include <mutex>
 
 namespace sorva {
 
-namespace {
-
-float peakOf(const float* samples, int64_t count, float blockPeak) noexcept
+void StreamStats::add(int64_t addedFrames, float blockPeak) noexcept
 {
-    for (int64_t i = 0; i < count; ++i) {
-        const float magnitude = std::abs(samples[i]);
-        blockPeak = magnitude > blockPeak ? magnitude : blockPeak;
-    }
-    return blockPeak;
-}
-
-} // namespace
-
-void StreamStats::record(const float* samples, int64_t count, int64_t recordedFrames) noexcept
-{
-    const float blockPeak = peakOf(samples, count, 0.0f);
     std::lock_guard guard(lock);
-    frames += recordedFrames;
-    peak = blockPeak > peak ? blockPeak : peak;
-}
-
-void StreamStats::recordPlanar(const float* left, const float* right, int64_t recordedFrames) noexcept
-{
-    const float blockPeak = peakOf(right, recordedFrames, peakOf(left, recordedFrames, 0.0f));
-    std::lock_guard guard(lock);
-    frames += recordedFrames;
+    frames += addedFrames;
     peak = blockPeak > peak ? blockPeak : peak;
 }
 

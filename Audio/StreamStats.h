@@ -1,11 +1,12 @@
 // Counts the frames and the peak level of the audio that passed, so that the
 // controller's once-a-second poll can tell whether audio is flowing.
 //
-// Threads: record() on the audio thread, snapshot() on the main thread. The
-// two fields are guarded by lock, held for a few loads and stores; the peak
-// search runs outside it.
+// Threads: add() on the audio thread, snapshot() on the main thread. The
+// two fields are guarded by lock, held for a few loads and stores; the
+// render path measures the block's peak before (BlockLevel).
 #pragma once
 
+#include "Platform/HotPath.h"
 #include "Platform/UnfairLock.h"
 
 #include <cstdint>
@@ -19,11 +20,8 @@ public:
         float peak = 0.0f;
     };
 
-    // count samples representing `frames` frames. NaN samples do not count
-    // towards the peak.
-    void record(const float* samples, int64_t count, int64_t frames) noexcept;
-    // The same for `frames` planar stereo frames.
-    void recordPlanar(const float* left, const float* right, int64_t frames) noexcept;
+    // A block of `frames` frames whose largest |sample| is blockPeak.
+    SORVA_HOT void add(int64_t frames, float blockPeak) noexcept;
 
     // The counts since the previous snapshot; both start again from 0.
     Snapshot snapshot() noexcept;

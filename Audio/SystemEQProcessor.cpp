@@ -1,5 +1,6 @@
 #include "Audio/SystemEQProcessor.h"
 
+#include "Audio/BlockLevel.h"
 #include "Audio/DecimalText.h"
 #include "Audio/EQLog.h"
 #include "Audio/OutputDevice.h"
@@ -244,33 +245,40 @@ void SystemEQProcessor::processIOCycle(IOCycleContext& context, const AudioBuffe
     if (frames == 0)
         return;
 
-    if (inCh == outCh) {
-        if (inSamples != outSamples)
-            std::memmove(outSamples, inSamples, static_cast<size_t>(frames * outCh) * sizeof(float));
-    } else {
-        // Mono is spread over every output channel; more channels are reduced
-        // to the first.
-        for (int64_t f = 0; f < frames; ++f) {
-            const float v = inSamples[f * inCh];
-            for (int64_t c = 0; c < outCh; ++c)
-                outSamples[f * outCh + c] = v;
-        }
-    }
-
     const int64_t count = frames * outCh;
-    context.stats.record(outSamples, count, frames);
+    // One pass copies the input (where the output lies elsewhere) and
+    // measures it; the recorder then takes the untouched input as the raw
+    // side instead of a copy of it.
+    BlockLevel level;
+    const float* raw = nullptr;
+    if (inCh == outCh && BlockLevel::disjoint(inSamples, outSamples, count)) {
+        level.scan(inSamples, outSamples, count);
+        raw = inSamples;
+    } else {
+        if (inCh == outCh) {
+            if (inSamples != outSamples)
+                std::memmove(outSamples, inSamples, static_cast<size_t>(count) * sizeof(float));
+        } else {
+            // Mono is spread over every output channel; more channels are
+            // reduced to the first.
+            for (int64_t f = 0; f < frames; ++f) {
+                const float v = inSamples[f * inCh];
+                for (int64_t c = 0; c < outCh; ++c)
+                    outSamples[f * outCh + c] = v;
+            }
+        }
+        level.scan(outSamples, nullptr, count);
+    }
+    context.stats.add(frames, level.peak);
 
     const bool captureDiag = outCh == 2 && count <= context.scratchCapacity;
-    if (captureDiag && context.diagnosticScratch != outSamples)
-        std::memcpy(context.diagnosticScratch, outSamples, static_cast<size_t>(count) * sizeof(float));
-
-    bool silent = true;
-    for (int64_t i = 0; i < count; ++i) {
-        if (outSamples[i] != 0.0f) { // NaN compares unequal: not silent
-            silent = false;
-            break;
-        }
+    if (captureDiag && raw == nullptr) {
+        if (context.diagnosticScratch != outSamples)
+            std::memcpy(context.diagnosticScratch, outSamples, static_cast<size_t>(count) * sizeof(float));
+        raw = context.diagnosticScratch;
     }
+
+    const bool silent = level.silent;
     const auto limit = static_cast<int64_t>(context.sampleRate);
     const bool gated = context.gate.observe(silent, frames, limit);
 
@@ -286,13 +294,16 @@ void SystemEQProcessor::processIOCycle(IOCycleContext& context, const AudioBuffe
     }
 
     if (captureDiag)
-        context.recorder.push(context.diagnosticScratch, outSamples, frames);
+        context.recorder.push(raw, outSamples, frames);
 
     context.timing.record(began, hostTicks(), frames, !silent && !gated);
 }
 
 // Planar stereo (two buffers of one channel on each side): the same steps as
-// the interleaved path, each channel in its own block.
+// the interleaved path, each channel in its own block. The graph hands over
+// separate input and output blocks, so the usual cycle reads each input
+// sample once, writes each output sample once before the equalizer, and
+// records the input itself as the raw side.
 void SystemEQProcessor::processPlanarCycle(IOCycleContext& context, const AudioBuffer* in, AudioBuffer* out,
                                            uint64_t began) noexcept
 {
@@ -304,26 +315,35 @@ void SystemEQProcessor::processPlanarCycle(IOCycleContext& context, const AudioB
     if (frames == 0)
         return;
     float* channels[2] = { static_cast<float*>(out[0].mData), static_cast<float*>(out[1].mData) };
+    const float* raw[2] = { nullptr, nullptr };
+    BlockLevel level;
     for (int c = 0; c < 2; ++c) {
-        if (in[c].mData != channels[c])
-            std::memmove(channels[c], in[c].mData, static_cast<size_t>(frames) * sizeof(float));
+        const auto* from = static_cast<const float*>(in[c].mData);
+        if (BlockLevel::disjoint(from, channels[0], frames) && BlockLevel::disjoint(from, channels[1], frames)) {
+            level.scan(from, channels[c], frames);
+            raw[c] = from;
+        } else {
+            if (from != channels[c])
+                std::memmove(channels[c], from, static_cast<size_t>(frames) * sizeof(float));
+            level.scan(channels[c], nullptr, frames);
+        }
     }
     float* left = channels[0];
     float* right = channels[1];
+    context.stats.add(frames, level.peak);
 
-    context.stats.recordPlanar(left, right, frames);
-
-    float* rawLeft = context.diagnosticScratch;
-    float* rawRight = context.diagnosticScratch + frames;
     const bool captureDiag = 2 * frames <= context.scratchCapacity;
     if (captureDiag) {
-        std::memcpy(rawLeft, left, static_cast<size_t>(frames) * sizeof(float));
-        std::memcpy(rawRight, right, static_cast<size_t>(frames) * sizeof(float));
+        for (int c = 0; c < 2; ++c) {
+            if (raw[c] == nullptr) {
+                float* copy = context.diagnosticScratch + c * frames;
+                std::memcpy(copy, channels[c], static_cast<size_t>(frames) * sizeof(float));
+                raw[c] = copy;
+            }
+        }
     }
 
-    bool silent = true;
-    for (int64_t i = 0; i < frames && silent; ++i)
-        silent = left[i] == 0.0f && right[i] == 0.0f; // NaN compares unequal: not silent
+    const bool silent = level.silent;
     const bool gated = context.gate.observe(silent, frames, static_cast<int64_t>(context.sampleRate));
 
     if (!gated) {
@@ -337,7 +357,7 @@ void SystemEQProcessor::processPlanarCycle(IOCycleContext& context, const AudioB
     }
 
     if (captureDiag)
-        context.recorder.pushPlanar(rawLeft, rawRight, left, right, frames);
+        context.recorder.pushPlanar(raw[0], raw[1], left, right, frames);
 
     context.timing.record(began, hostTicks(), frames, !silent && !gated);
 }

@@ -30,6 +30,7 @@
 #include "Audio/TapAggregate.h"
 #include "Models/EQBand.h"
 #include "Platform/AudioHardware.h"
+#include "Platform/HotPath.h"
 #include "Platform/MainExecutor.h"
 #include "Platform/MonotonicClock.h"
 
@@ -91,7 +92,7 @@ public:
     // The render path, one hardware buffer: interleaved (one buffer a side) or
     // planar stereo (two buffers of one channel a side). Real-time safe:
     // allocates and logs nothing except the context's one layout line.
-    static void processIOCycle(IOCycleContext& context, const AudioBufferList* input,
+    SORVA_HOT static void processIOCycle(IOCycleContext& context, const AudioBufferList* input,
                                AudioBufferList* output) noexcept;
 
     // What the engine currently owns (0 / 0 / 0 = nothing).
@@ -107,9 +108,9 @@ private:
     void createTap();
     void createAggregate(const std::string& outputUID);
     void startIOProc();
-    static void processPlanarCycle(IOCycleContext& context, const AudioBuffer* input, AudioBuffer* output,
+    SORVA_HOT static void processPlanarCycle(IOCycleContext& context, const AudioBuffer* input, AudioBuffer* output,
                                    uint64_t began) noexcept;
-    static void ioProc(void* context, const AudioTimeStamp* now, const AudioBufferList* input,
+    SORVA_HOT static void ioProc(void* context, const AudioTimeStamp* now, const AudioBufferList* input,
                        const AudioTimeStamp* inputTime, AudioBufferList* output,
                        const AudioTimeStamp* outputTime) noexcept;
 

@@ -21,7 +21,7 @@ struct Filled {
     uint32_t frames = 0;
 };
 
-std::optional<Filled> filled(const pw_buffer* buffer) noexcept
+SORVA_HOT std::optional<Filled> filled(const pw_buffer* buffer) noexcept
 {
     if (!buffer || buffer->buffer->n_datas == 0 || !buffer->buffer->datas[0].data)
         return std::nullopt;
@@ -38,7 +38,7 @@ struct FilledPlanar {
     uint32_t frames = 0;
 };
 
-std::optional<FilledPlanar> filledPlanar(const pw_buffer* buffer) noexcept
+SORVA_HOT std::optional<FilledPlanar> filledPlanar(const pw_buffer* buffer) noexcept
 {
     if (!buffer || buffer->buffer->n_datas < 2)
         return std::nullopt;
@@ -173,15 +173,7 @@ const pw_stream_events& DuplexStreams::tapEvents()
             if (id == SPA_IO_Position)
                 static_cast<DuplexStreams*>(d)->rtPosition = static_cast<spa_io_position*>(area);
         };
-        e.process = [](void* d) {
-            auto* streams = static_cast<DuplexStreams*>(d);
-            if (!streams->rtAlive)
-                return;
-            if (streams->rtOutput)
-                pw_stream_trigger_process(streams->rtOutput);
-            else
-                streams->captureCycle();
-        };
+        e.process = tapProcess;
         return e;
     }();
     return events;
@@ -194,7 +186,7 @@ const pw_stream_events& DuplexStreams::outputEvents()
         e.version = PW_VERSION_STREAM_EVENTS;
         e.state_changed = stateChanged<&DuplexStreams::outputState>;
         e.param_changed = paramChanged;
-        e.process = [](void* d) { static_cast<DuplexStreams*>(d)->duplexCycle(); };
+        e.process = outputProcess;
         return e;
     }();
     return events;
@@ -306,6 +298,21 @@ OSStatus DuplexStreams::connect(const std::string& group)
 }
 
 // --- Real-time thread ----------------------------------------------------------------
+
+// The tap's cycle triggers the output's, which then takes both buffers;
+// without an output the tap's cycle is the capture.
+void DuplexStreams::tapProcess(void* self) noexcept
+{
+    auto* streams = static_cast<DuplexStreams*>(self);
+    if (!streams->rtAlive)
+        return;
+    if (streams->rtOutput)
+        pw_stream_trigger_process(streams->rtOutput);
+    else
+        streams->captureCycle();
+}
+
+void DuplexStreams::outputProcess(void* self) noexcept { static_cast<DuplexStreams*>(self)->duplexCycle(); }
 
 void DuplexStreams::noteQuantum() noexcept
 {

@@ -17,6 +17,7 @@
 #pragma once
 
 #include "Platform/AudioHardware.h"
+#include "Platform/HotPath.h"
 #include "Platform/PipeWire/PipeWireGraph.h"
 
 #include <pipewire/pipewire.h>
@@ -81,15 +82,18 @@ private:
     template <pw_stream_state DuplexStreams::*field>
     static void stateChanged(void* self, pw_stream_state old, pw_stream_state state, const char* error);
     static void paramChanged(void* self, uint32_t id, const spa_pod* param);
+    // The streams' process callbacks (real-time thread).
+    SORVA_HOT static void tapProcess(void* self) noexcept;
+    SORVA_HOT static void outputProcess(void* self) noexcept;
     void onParamChanged(uint32_t id, const spa_pod* param);
     // Publishes (or withdraws) the streams to the process callbacks.
     void setRealtimeStreams(bool alive);
     bool ready() const;
 
     // Real-time thread.
-    void noteQuantum() noexcept;
-    void duplexCycle() noexcept;
-    void captureCycle() noexcept;
+    SORVA_HOT void noteQuantum() noexcept;
+    SORVA_HOT void duplexCycle() noexcept;
+    SORVA_HOT void captureCycle() noexcept;
 
     PipeWireGraph& graph;
     Observer& observer;

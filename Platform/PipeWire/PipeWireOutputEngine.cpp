@@ -1,5 +1,6 @@
 #include "Platform/PipeWire/PipeWireOutputEngine.h"
 
+#include "Platform/HotPath.h"
 #include "Platform/PipeWire/PipeWireRAII.h"
 
 #include <pipewire/pipewire.h>
@@ -95,7 +96,7 @@ struct PipeWireOutputEngine::Data {
 
 namespace {
 
-void onProcess(void* userdata)
+SORVA_HOT void onProcess(void* userdata)
 {
     auto* data = static_cast<PipeWireOutputEngine::Data*>(userdata);
     pw_buffer* buffer = pw_stream_dequeue_buffer(data->stream.get());

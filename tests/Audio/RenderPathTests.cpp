@@ -37,9 +37,17 @@ struct RenderPath : ::testing::Test {
         referenceFade.start(frames, 1.0f);
     }
 
-    // One cycle over interleaved buffers or, planar, over a stereo block split into two one-channel buffers.
-    void cycle(std::vector<float>& in, uint32_t inCh, std::vector<float>& out, uint32_t outCh, bool planar = false)
+    // One cycle over interleaved buffers or, planar, over a stereo block split into two one-channel
+    // buffers; inPlace hands the same buffers over as input and output, as a device may.
+    void cycle(std::vector<float>& in, uint32_t inCh, std::vector<float>& out, uint32_t outCh, bool planar = false,
+               bool inPlace = false)
     {
+        if (inPlace && !planar) {
+            out = in;
+            OneBuffer both(out, outCh);
+            SystemEQProcessor::processIOCycle(*context, &both.list, &both.list);
+            return;
+        }
         if (!planar) {
             OneBuffer input(in, inCh), output(out, outCh);
             SystemEQProcessor::processIOCycle(*context, &input.list, &output.list);
@@ -53,11 +61,12 @@ struct RenderPath : ::testing::Test {
         }
         const auto bytes = static_cast<uint32_t>(frames * sizeof(float));
         AudioBuffer inBuffers[2] = { { 1, bytes, &split[0] }, { 1, bytes, &split[frames] } };
-        AudioBuffer outBuffers[2] = { { 1, bytes, &split[2 * frames] }, { 1, bytes, &split[3 * frames] } };
+        const size_t result = inPlace ? 0 : 2; // the blocks that hold the output
+        AudioBuffer outBuffers[2] = { { 1, bytes, &split[result * frames] }, { 1, bytes, &split[(result + 1) * frames] } };
         AudioBufferList inList { 2, inBuffers }, outList { 2, outBuffers };
         SystemEQProcessor::processIOCycle(*context, &inList, &outList);
         for (size_t i = 0; i < 2 * frames; ++i)
-            out[i] = split[(2 + i % 2) * frames + i / 2];
+            out[i] = split[(result + i % 2) * frames + i / 2];
     }
 
     // The copied input (mono spread, extra channels dropped), equalized and faded.
@@ -76,11 +85,12 @@ struct RenderPath : ::testing::Test {
     }
 
     // Runs a block that must come out as the reference's.
-    std::vector<float> processed(std::vector<float> in, uint32_t inCh = 2, uint32_t outCh = 2, bool planar = false)
+    std::vector<float> processed(std::vector<float> in, uint32_t inCh = 2, uint32_t outCh = 2, bool planar = false,
+                                 bool inPlace = false)
     {
         const auto want = expected(in, inCh, outCh);
         std::vector<float> out(in.size() / inCh * outCh, 9.0f);
-        cycle(in, inCh, out, outCh, planar);
+        cycle(in, inCh, out, outCh, planar, inPlace);
         EXPECT_EQ(out, want);
         EXPECT_FALSE(gate.isGated());
         return out;
@@ -218,12 +228,18 @@ TEST_F(RenderPath, GateClosesOnTheBlockThatReachesOneSecondOfZerosFreezingFadeAn
 
 TEST_F(RenderPath, RecorderGetsRawAndProcessedStereoBlocksUpToTheScratchSize)
 {
-    // An interleaved block, then a planar one; blocks one frame longer than the scratch are not captured.
-    auto in = noise(4096 * 2), planarIn = noise(4096 * 2);
-    auto out = processed(in);
-    const auto planarOut = processed(planarIn, 2, 2, true);
-    in.insert(in.end(), planarIn.begin(), planarIn.end());
-    out.insert(out.end(), planarOut.begin(), planarOut.end());
+    // Both layouts, with separate input and output buffers and then in place (where the raw side
+    // must be saved before the equalizer overwrites it); blocks one frame longer than the scratch
+    // are not captured.
+    std::vector<float> in, out;
+    for (bool inPlace : { false, true }) {
+        for (bool planar : { false, true }) {
+            const auto block = noise(4096 * 2);
+            const auto result = processed(block, 2, 2, planar, inPlace);
+            in.insert(in.end(), block.begin(), block.end());
+            out.insert(out.end(), result.begin(), result.end());
+        }
+    }
     for (bool planar : { false, true })
         processed(noise(8193 * 2), 2, 2, planar);
 
