@@ -14,7 +14,12 @@ namespace sorva {
 class LogOnce {
 public:
     // True for exactly one caller: the first.
-    bool claim() noexcept;
+    bool claim() noexcept
+    {
+        // The load keeps the common case (already fired) free of a locked
+        // read-modify-write; exchange decides between racing first callers.
+        return !fired.load(std::memory_order_relaxed) && !fired.exchange(true, std::memory_order_relaxed);
+    }
 
     template <typename F>
     void log(F&& message)
@@ -23,7 +28,7 @@ public:
             EQLog::trace(std::forward<F>(message));
     }
 
-    bool hasFired() const noexcept;
+    bool hasFired() const noexcept { return fired.load(std::memory_order_relaxed); }
 
 private:
     std::atomic<bool> fired { false };

@@ -92,8 +92,10 @@ public:
     // The render path, one hardware buffer: interleaved (one buffer a side) or
     // planar stereo (two buffers of one channel a side). Real-time safe:
     // allocates and logs nothing except the context's one layout line.
+    // began: the cycle's start in host ticks, as the device stamped it; 0
+    // reads the clock here.
     SORVA_HOT static void processIOCycle(IOCycleContext& context, const AudioBufferList* input,
-                               AudioBufferList* output) noexcept;
+                                         AudioBufferList* output, uint64_t began = 0) noexcept;
 
     // What the engine currently owns (0 / 0 / 0 = nothing).
     AudioObjectID currentTapID() const { return tapAggregate.currentTapID(); }

@@ -18,11 +18,14 @@ struct HostTimebase {
     uint32_t denom = 1;
 };
 
+// CLOCK_MONOTONIC, the clock behind steady_clock, read directly: the audio
+// thread reads it every cycle, and steady_clock::now() lives in the C++
+// library, one more code page to fault in after each sleep.
 inline uint64_t hostTicks() noexcept
 {
-    return static_cast<uint64_t>(
-        std::chrono::duration_cast<std::chrono::nanoseconds>(std::chrono::steady_clock::now().time_since_epoch())
-            .count());
+    timespec now {};
+    ::clock_gettime(CLOCK_MONOTONIC, &now);
+    return static_cast<uint64_t>(now.tv_sec) * 1'000'000'000ull + static_cast<uint64_t>(now.tv_nsec);
 }
 
 inline HostTimebase hostTimebase() noexcept { return HostTimebase {}; }

@@ -352,8 +352,7 @@ void DuplexStreams::duplexCycle() noexcept
                 inPlanar[c] = { 1, frames * bytesPerSample, input->channels[c] };
                 outPlanar[c] = { 1, frames * bytesPerSample, ob.datas[c].data };
             }
-            AudioTimeStamp now { hostTicks(), rtSampleTime,
-                                 resumed.exchange(false, std::memory_order_relaxed) ? kAudioTimeStampResumed : 0u };
+            AudioTimeStamp now { hostTicks(), rtSampleTime, takeResumed() ? kAudioTimeStampResumed : 0u };
             rtProc(rtContext, &now, &inPlanarList, &now, &outPlanarList, &now);
         } else {
             std::memset(ob.datas[0].data, 0, frames * bytesPerSample);
@@ -384,8 +383,7 @@ void DuplexStreams::captureCycle() noexcept
     std::optional<Filled> input = filled(in);
     if (input && rtRunning && rtProc) {
         inBuffer = { 2, input->frames * bytesPerFrame, input->samples };
-        AudioTimeStamp now { hostTicks(), rtSampleTime,
-                             resumed.exchange(false, std::memory_order_relaxed) ? kAudioTimeStampResumed : 0u };
+        AudioTimeStamp now { hostTicks(), rtSampleTime, takeResumed() ? kAudioTimeStampResumed : 0u };
         rtProc(rtContext, &now, &inList, &now, &noBuffers, &now);
         rtSampleTime += input->frames;
     }

@@ -92,6 +92,12 @@ private:
 
     // Real-time thread.
     SORVA_HOT void noteQuantum() noexcept;
+    // Whether the tap was paused since the last cycle, clearing the mark;
+    // a plain load while it is not set.
+    bool takeResumed() noexcept
+    {
+        return resumed.load(std::memory_order_relaxed) && resumed.exchange(false, std::memory_order_relaxed);
+    }
     SORVA_HOT void duplexCycle() noexcept;
     SORVA_HOT void captureCycle() noexcept;
 
