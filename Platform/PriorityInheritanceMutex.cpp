@@ -15,6 +15,10 @@ namespace {
 
 thread_local uint32_t cachedThreadID = 0;
 
+// A forked child's only thread has an ID of its own. Registered when the
+// program loads, so that no thread's first lock allocates.
+const int forkHandler = pthread_atfork(nullptr, nullptr, [] { cachedThreadID = 0; });
+
 long futex(std::atomic<uint32_t>& word, int operation) noexcept
 {
     return ::syscall(SYS_futex, reinterpret_cast<uint32_t*>(&word), operation, 0, nullptr, nullptr, 0);
@@ -25,8 +29,6 @@ long futex(std::atomic<uint32_t>& word, int operation) noexcept
 uint32_t PriorityInheritanceMutex::currentThreadID() noexcept
 {
     if (cachedThreadID == 0) {
-        // A forked child's only thread has an ID of its own.
-        static const int forkHandler = pthread_atfork(nullptr, nullptr, [] { cachedThreadID = 0; });
         (void)forkHandler;
         cachedThreadID = static_cast<uint32_t>(::gettid());
     }

@@ -31,7 +31,9 @@ public:
     SORVA_HOT bool try_lock() noexcept;
     SORVA_HOT void unlock() noexcept;
 
-    // The calling thread's kernel thread ID (cached per thread).
+    // The calling thread's kernel thread ID, cached per thread: the first
+    // call on a thread is a system call, so a real-time thread should make
+    // it before its first cycle.
     static uint32_t currentThreadID() noexcept;
 
 private:

@@ -2,6 +2,7 @@
 
 #include "Audio/EQLog.h"
 #include "Platform/HostClock.h"
+#include "Platform/PriorityInheritanceMutex.h"
 
 #include <spa/param/audio/format-utils.h>
 #include <spa/param/latency-utils.h>
@@ -124,6 +125,9 @@ void DuplexStreams::setRealtimeStreams(bool alive)
         pw_context_get_data_loop(graph.context()),
         [](spa_loop*, bool, uint32_t, const void*, size_t, void* user) -> int {
             auto* c = static_cast<Change*>(user);
+            // The render path's locks need this thread's ID: fetch it now,
+            // not in the first cycle.
+            PriorityInheritanceMutex::currentThreadID();
             c->streams->rtTap = c->alive ? c->streams->tap : nullptr;
             c->streams->rtOutput = c->alive ? c->streams->output : nullptr;
             c->streams->rtAlive = c->alive;

@@ -1,6 +1,7 @@
 #include "Platform/PipeWire/PipeWireOutputEngine.h"
 
 #include "Platform/HotPath.h"
+#include "Platform/PriorityInheritanceMutex.h"
 #include "Platform/PipeWire/PipeWireRAII.h"
 
 #include <pipewire/pipewire.h>
@@ -299,6 +300,15 @@ void PipeWireOutputEngine::start()
         fail(-errno, "cannot create the PipeWire context");
     if (pw_thread_loop_start(data->loop.get()) < 0)
         fail(-EIO, "cannot start the PipeWire loop");
+    // The render path's locks need the real-time thread's ID: fetch it there
+    // now, not in the first cycle.
+    pw_data_loop_invoke(
+        pw_context_get_data_loop(data->context.get()),
+        [](spa_loop*, bool, uint32_t, const void*, size_t, void*) -> int {
+            PriorityInheritanceMutex::currentThreadID();
+            return 0;
+        },
+        0, nullptr, 0, true, nullptr);
 
     pw_thread_loop_lock(data->loop.get());
     struct Unlock {
