@@ -1,8 +1,8 @@
 // What the render path learns about a block in the one pass that brings it
 // from the device's input to its output: the peak magnitude and whether
 // every sample is exact digital silence. One read of the input and, where
-// the output lies elsewhere, one write: the copy, the statistics' peak and
-// the silence gate's test used to be three passes over the same samples.
+// the output lies elsewhere, one write, rather than separate passes for the
+// copy, the statistics' peak and the silence gate's test.
 //
 // Real-time safe: no allocation, no locks, no system calls.
 #pragma once

@@ -3,7 +3,6 @@
 // so the ratio is 1/1. Safe on the audio thread (vDSO clock read, no locks).
 #pragma once
 
-#include <chrono>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>

@@ -66,7 +66,8 @@ void PriorityInheritanceMutex::lockContended() noexcept
             std::abort(); // this thread holds it already: a bug, never a wait
         if (errno == EAGAIN || errno == EINTR)
             continue; // the owner is exiting: ask again
-        // A kernel without priority-inheritance futexes: take turns.
+        // Any other answer (ENOSYS: a kernel without priority-inheritance
+        // futexes): take turns without the kernel.
         if (try_lock())
             break;
         sched_yield();
