@@ -182,6 +182,8 @@ void PipeWireGraph::disconnect()
 {
     nodeMirror.clear();
     clientMirror.clear();
+    portMirror.clear();
+    linkMirror.clear();
     defaultMeta.reset();
     settingsMeta.reset();
     if (registry) {
@@ -286,6 +288,36 @@ void PipeWireGraph::onGlobal(uint32_t id, uint32_t permissions, const char* type
         }();
         bind(registry, id, type, PW_VERSION_CLIENT, *client, events);
         clientMirror[id] = std::move(client);
+    } else if (std::strcmp(type, PW_TYPE_INTERFACE_Port) == 0) {
+        Properties p = toMap(props);
+        auto value = [&](const char* key) {
+            auto found = p.find(key);
+            return found == p.end() ? std::string() : found->second;
+        };
+        auto node = parseInteger(value(PW_KEY_NODE_ID));
+        if (!node)
+            return;
+        Port port;
+        port.id = id;
+        port.node = static_cast<uint32_t>(*node);
+        port.input = value(PW_KEY_PORT_DIRECTION) == "in";
+        port.monitor = value(PW_KEY_PORT_MONITOR) == "true";
+        port.channel = value(PW_KEY_AUDIO_CHANNEL);
+        portMirror[id] = std::move(port);
+        changed();
+    } else if (std::strcmp(type, PW_TYPE_INTERFACE_Link) == 0) {
+        Properties p = toMap(props);
+        auto number = [&](const char* key) {
+            auto found = p.find(key);
+            return found == p.end() ? std::nullopt : parseInteger(found->second);
+        };
+        auto outputNode = number(PW_KEY_LINK_OUTPUT_NODE), outputPort = number(PW_KEY_LINK_OUTPUT_PORT);
+        auto inputNode = number(PW_KEY_LINK_INPUT_NODE), inputPort = number(PW_KEY_LINK_INPUT_PORT);
+        if (!outputNode || !outputPort || !inputNode || !inputPort)
+            return;
+        linkMirror[id] = Link { id, static_cast<uint32_t>(*outputNode), static_cast<uint32_t>(*outputPort),
+                                static_cast<uint32_t>(*inputNode), static_cast<uint32_t>(*inputPort) };
+        changed();
     } else if (std::strcmp(type, PW_TYPE_INTERFACE_Metadata) == 0) {
         const char* name = props ? spa_dict_lookup(props, PW_KEY_METADATA_NAME) : nullptr;
         if (!name)
@@ -320,6 +352,8 @@ void PipeWireGraph::onGlobalRemove(uint32_t id)
 {
     nodeMirror.erase(id);
     clientMirror.erase(id);
+    portMirror.erase(id);
+    linkMirror.erase(id);
     if (defaultMeta && defaultMeta->id == id)
         defaultMeta.reset();
     if (settingsMeta && settingsMeta->id == id)
@@ -363,6 +397,12 @@ const PipeWireGraph::Node* PipeWireGraph::node(uint32_t id) const
 {
     auto found = nodeMirror.find(id);
     return found == nodeMirror.end() ? nullptr : found->second.get();
+}
+
+const PipeWireGraph::Port* PipeWireGraph::port(uint32_t id) const
+{
+    auto found = portMirror.find(id);
+    return found == portMirror.end() ? nullptr : &found->second;
 }
 
 const PipeWireGraph::Node* PipeWireGraph::nodeBySerial(uint64_t serial) const

@@ -1,6 +1,6 @@
 // The PipeWire connection of the audio-hardware backend and its mirror of the
-// registry: the thread loop, the context, the core, every node and client, and
-// the "default" and "settings" metadata. It answers the questions the backend
+// registry: the thread loop, the context, the core, every node, client, port
+// and link, and the "default" and "settings" metadata. It answers the questions the backend
 // asks of the graph (a node's program, a setting, the default sink's name) and
 // writes stream targets into the "default" metadata.
 //
@@ -51,6 +51,26 @@ public:
         std::string property(const char* key) const;
     };
 
+    // A port as the registry announces it (no proxy: its properties do not
+    // change).
+    struct Port {
+        uint32_t id = 0;
+        uint32_t node = 0;
+        bool input = false;
+        bool monitor = false;
+        // "FL", "FR", "MONO", ...; empty when the port has no channel.
+        std::string channel;
+    };
+
+    // A link between two ports, as the registry announces it.
+    struct Link {
+        uint32_t id = 0;
+        uint32_t outputNode = 0;
+        uint32_t outputPort = 0;
+        uint32_t inputNode = 0;
+        uint32_t inputPort = 0;
+    };
+
     struct Metadata {
         PipeWireGraph* owner = nullptr;
         uint32_t id = 0;
@@ -90,6 +110,9 @@ public:
     const std::map<uint32_t, std::unique_ptr<Node>>& nodes() const { return nodeMirror; }
     const std::map<uint32_t, std::unique_ptr<Client>>& clients() const { return clientMirror; }
     const Node* node(uint32_t id) const;
+    const std::map<uint32_t, Port>& ports() const { return portMirror; }
+    const std::map<uint32_t, Link>& links() const { return linkMirror; }
+    const Port* port(uint32_t id) const;
     const Node* nodeBySerial(uint64_t serial) const;
     // The program behind a node (its own PID property, else its client's);
     // -1 while neither is known.
@@ -139,6 +162,8 @@ private:
 
     std::map<uint32_t, std::unique_ptr<Node>> nodeMirror;
     std::map<uint32_t, std::unique_ptr<Client>> clientMirror;
+    std::map<uint32_t, Port> portMirror;
+    std::map<uint32_t, Link> linkMirror;
     std::unique_ptr<Metadata> defaultMeta;
     std::unique_ptr<Metadata> settingsMeta;
 };
