@@ -610,8 +610,8 @@ void EQController::poll()
             return;
         }
     }
-    // With no output at all PipeWire parks our output stream and links it to
-    // the next sink that appears, so the engine stays; the status says what
+    // With no output at all the backend links our output to the next sink
+    // that appears, so the engine stays; the status says what
     // is missing, in the words of a start that finds no output.
     if (DeviceListeners::currentDefaultDevice(*environment.hardware) == kAudioObjectUnknown)
         next = Status::failed(AudioTapError::osStatus("No default output device", -1).errorDescription());

@@ -5,7 +5,6 @@
 #include "Platform/PriorityInheritanceMutex.h"
 
 #include <spa/param/audio/format-utils.h>
-#include <spa/param/latency-utils.h>
 #include <spa/pod/builder.h>
 
 #include <algorithm>
@@ -32,34 +31,17 @@ SORVA_HOT std::optional<Filled> filled(const pw_buffer* buffer) noexcept
     return Filled { SPA_PTROFF(data.data, offset, void), size / DuplexStreams::bytesPerFrame };
 }
 
-// The samples of a dequeued planar stereo buffer: one block per channel,
-// as many frames as both hold.
-struct FilledPlanar {
-    void* channels[2] = { nullptr, nullptr };
-    uint32_t frames = 0;
-};
-
-SORVA_HOT std::optional<FilledPlanar> filledPlanar(const pw_buffer* buffer) noexcept
-{
-    if (!buffer || buffer->buffer->n_datas < 2)
-        return std::nullopt;
-    FilledPlanar result;
-    for (uint32_t c = 0; c < 2; ++c) {
-        const spa_data& data = buffer->buffer->datas[c];
-        if (!data.data)
-            return std::nullopt;
-        uint32_t offset = std::min(data.chunk->offset, data.maxsize);
-        uint32_t frames = std::min(data.chunk->size, data.maxsize - offset) / DuplexStreams::bytesPerSample;
-        result.channels[c] = SPA_PTROFF(data.data, offset, void);
-        result.frames = c == 0 ? frames : std::min(result.frames, frames);
-    }
-    return result;
-}
-
 bool isUp(pw_stream_state state)
 {
     return state == PW_STREAM_STATE_PAUSED || state == PW_STREAM_STATE_STREAMING;
 }
+
+bool isUp(pw_filter_state state)
+{
+    return state == PW_FILTER_STATE_PAUSED || state == PW_FILTER_STATE_STREAMING;
+}
+
+constexpr const char* channelNames[2] = { "FL", "FR" };
 
 } // namespace
 
@@ -67,15 +49,17 @@ DuplexStreams::DuplexStreams(PipeWireGraph& graph, Observer& observer, std::opti
     : graph(graph)
     , observer(observer)
     , outputDevice(std::move(outputUID))
+    , links(graph)
 {
 }
 
 DuplexStreams::~DuplexStreams()
 {
     setRealtimeStreams(false);
-    if (output) {
-        spa_hook_remove(&outputListener);
-        pw_stream_destroy(output);
+    links.clear();
+    if (filter) {
+        spa_hook_remove(&filterListener);
+        pw_filter_destroy(filter);
     }
     if (tap) {
         spa_hook_remove(&tapListener);
@@ -88,9 +72,19 @@ uint32_t DuplexStreams::tapNodeID() const
     return tap ? pw_stream_get_node_id(tap) : SPA_ID_INVALID;
 }
 
+bool DuplexStreams::tapHasPorts() const
+{
+    uint32_t tapNode = tapNodeID();
+    for (auto& [id, port] : graph.ports()) {
+        if (port.node == tapNode && port.input)
+            return true;
+    }
+    return false;
+}
+
 uint32_t DuplexStreams::outputNodeID() const
 {
-    return output ? pw_stream_get_node_id(output) : SPA_ID_INVALID;
+    return filter ? pw_filter_get_node_id(filter) : SPA_ID_INVALID;
 }
 
 // --- Loop thread ------------------------------------------------------------------
@@ -129,7 +123,6 @@ void DuplexStreams::setRealtimeStreams(bool alive)
             // not in the first cycle.
             PriorityInheritanceMutex::currentThreadID();
             c->streams->rtTap = c->alive ? c->streams->tap : nullptr;
-            c->streams->rtOutput = c->alive ? c->streams->output : nullptr;
             c->streams->rtAlive = c->alive;
             return 0;
         },
@@ -140,25 +133,45 @@ void DuplexStreams::requestLatency(const std::string& latency)
 {
     spa_dict_item items[] = { { PW_KEY_NODE_LATENCY, latency.c_str() } };
     spa_dict dict { 0, 1, items };
-    for (pw_stream* stream : { tap, output }) {
-        if (stream)
-            pw_stream_update_properties(stream, &dict);
-    }
+    if (tap)
+        pw_stream_update_properties(tap, &dict);
+    if (filter)
+        pw_filter_update_properties(filter, nullptr, &dict);
 }
 
-template <pw_stream_state DuplexStreams::*field>
-void DuplexStreams::stateChanged(void* self, pw_stream_state, pw_stream_state state, const char* error)
+void DuplexStreams::tapStateChanged(void* self, pw_stream_state, pw_stream_state state, const char* error)
 {
     auto& streams = *static_cast<DuplexStreams*>(self);
-    streams.*field = state;
+    streams.tapState = state;
     if (error)
         streams.streamError = error;
-    if (field == &DuplexStreams::tapState) {
-        if (state != PW_STREAM_STATE_STREAMING)
-            streams.resumed.store(true, std::memory_order_relaxed);
-        streams.observer.tapStateChanged();
-    }
+    if (!streams.filter && state != PW_STREAM_STATE_STREAMING)
+        streams.resumed.store(true, std::memory_order_relaxed);
+    streams.observer.tapStateChanged();
     pw_thread_loop_signal(streams.graph.loop(), false);
+}
+
+void DuplexStreams::filterStateChanged(void* self, pw_filter_state, pw_filter_state state, const char* error)
+{
+    auto& streams = *static_cast<DuplexStreams*>(self);
+    streams.filterState = state;
+    if (error)
+        streams.streamError = error;
+    if (state != PW_FILTER_STATE_STREAMING)
+        streams.resumed.store(true, std::memory_order_relaxed);
+    // The daemon writes the graph's new rate into the driver's clock before
+    // it starts the nodes again, so it is there to read when the filter
+    // streams.
+    else if (streams.filterPosition)
+        streams.noteRate(streams.filterPosition->clock.rate.denom);
+    pw_thread_loop_signal(streams.graph.loop(), false);
+}
+
+void DuplexStreams::noteRate(uint32_t negotiated)
+{
+    if (negotiated == 0 || rate.exchange(negotiated) == negotiated)
+        return;
+    observer.rateNegotiated(*this, negotiated);
 }
 
 void DuplexStreams::paramChanged(void* self, uint32_t id, const spa_pod* param)
@@ -171,7 +184,7 @@ const pw_stream_events& DuplexStreams::tapEvents()
     static const pw_stream_events events = [] {
         pw_stream_events e {};
         e.version = PW_VERSION_STREAM_EVENTS;
-        e.state_changed = stateChanged<&DuplexStreams::tapState>;
+        e.state_changed = tapStateChanged;
         e.param_changed = paramChanged;
         e.io_changed = [](void* d, uint32_t id, void* area, uint32_t) {
             if (id == SPA_IO_Position)
@@ -183,47 +196,61 @@ const pw_stream_events& DuplexStreams::tapEvents()
     return events;
 }
 
-const pw_stream_events& DuplexStreams::outputEvents()
+const pw_filter_events& DuplexStreams::filterEvents()
 {
-    static const pw_stream_events events = [] {
-        pw_stream_events e {};
-        e.version = PW_VERSION_STREAM_EVENTS;
-        e.state_changed = stateChanged<&DuplexStreams::outputState>;
-        e.param_changed = paramChanged;
-        e.process = outputProcess;
+    static const pw_filter_events events = [] {
+        pw_filter_events e {};
+        e.version = PW_VERSION_FILTER_EVENTS;
+        e.state_changed = filterStateChanged;
+        e.io_changed = [](void* d, void* port, uint32_t id, void* area, uint32_t) {
+            if (!port && id == SPA_IO_Position)
+                static_cast<DuplexStreams*>(d)->filterPosition = static_cast<spa_io_position*>(area);
+        };
+        e.process = filterProcess;
         return e;
     }();
     return events;
 }
 
+// The tap's format tells the rate when the tap runs itself (capture only).
 void DuplexStreams::onParamChanged(uint32_t id, const spa_pod* param)
 {
-    if (!param)
+    if (!param || id != SPA_PARAM_Format)
         return;
-    if (id == SPA_PARAM_Format) {
-        spa_audio_info_raw info {};
-        if (spa_format_audio_raw_parse(param, &info) >= 0 && info.rate > 0) {
-            rate.store(info.rate);
-            observer.rateNegotiated(*this, info.rate);
-        }
-    } else if (id == SPA_PARAM_Latency && output) {
-        // The pair is one filter to the graph: latency reported downstream
-        // of the output travels upstream of the tap, and back.
-        spa_latency_info latency {};
-        if (spa_latency_parse(param, &latency) < 0)
-            return;
-        uint8_t buffer[1024];
-        spa_pod_builder builder {};
-        spa_pod_builder_init(&builder, buffer, sizeof buffer);
-        const spa_pod* params[1] = { spa_latency_build(&builder, SPA_PARAM_Latency, &latency) };
-        pw_stream_update_params(latency.direction == SPA_DIRECTION_INPUT ? tap : output, params, 1);
-    }
+    spa_audio_info_raw info {};
+    if (spa_format_audio_raw_parse(param, &info) >= 0)
+        noteRate(info.rate);
 }
 
 bool DuplexStreams::ready() const
 {
     const PipeWireGraph::Node* tapNode = graph.node(tapNodeID());
-    return isUp(tapState) && (!output || isUp(outputState)) && tapNode && tapNode->serial != 0;
+    return isUp(tapState) && (!outputDevice || (filter && isUp(filterState))) && tapNode && tapNode->serial != 0;
+}
+
+OSStatus DuplexStreams::connectFilter(const std::string& group)
+{
+    pw_properties* props = pw_properties_new(
+        PW_KEY_MEDIA_TYPE, "Audio", PW_KEY_MEDIA_CATEGORY, "Filter", PW_KEY_MEDIA_ROLE, "DSP", PW_KEY_NODE_NAME,
+        outputNodeName, PW_KEY_NODE_DESCRIPTION, outputName, PW_KEY_MEDIA_NAME, outputName, PW_KEY_NODE_GROUP,
+        group.c_str(), PW_KEY_NODE_LINK_GROUP, group.c_str(), PW_KEY_NODE_AUTOCONNECT, "false", nullptr);
+    filter = pw_filter_new(graph.core(), outputName, props);
+    if (!filter)
+        return kAudioHardwareUnspecifiedError;
+    pw_filter_add_listener(filter, &filterListener, &filterEvents(), this);
+    for (uint32_t k = 0; k < 4; ++k) {
+        bool input = k < 2;
+        std::string name = std::string(input ? "input_" : "output_") + channelNames[k % 2];
+        pw_properties* portProps = pw_properties_new(PW_KEY_FORMAT_DSP, "32 bit float mono audio", PW_KEY_PORT_NAME,
+                                                     name.c_str(), PW_KEY_AUDIO_CHANNEL, channelNames[k % 2], nullptr);
+        filterPorts[k] = pw_filter_add_port(filter, input ? PW_DIRECTION_INPUT : PW_DIRECTION_OUTPUT,
+                                            PW_FILTER_PORT_FLAG_MAP_BUFFERS, 0, portProps, nullptr, 0);
+        if (!filterPorts[k])
+            return kAudioHardwareUnspecifiedError;
+    }
+    if (pw_filter_connect(filter, PW_FILTER_FLAG_RT_PROCESS, nullptr, 0) < 0)
+        return kAudioHardwareUnspecifiedError;
+    return kAudioHardwareNoError;
 }
 
 OSStatus DuplexStreams::connect(const std::string& group)
@@ -232,8 +259,8 @@ OSStatus DuplexStreams::connect(const std::string& group)
     spa_pod_builder builder {};
     spa_pod_builder_init(&builder, buffer, sizeof buffer);
     spa_audio_info_raw info {};
-    // With an output the pair runs planar, as the graph's own ports do, so
-    // that neither stream's adapter converts; the tap alone stays
+    // With an output the tap only stands for the routing and never runs;
+    // planar like the graph's ports. Alone it is the capture and runs
     // interleaved for the capture-only procedure.
     info.format = outputDevice ? SPA_AUDIO_FORMAT_F32P : SPA_AUDIO_FORMAT_F32;
     info.channels = 2;
@@ -256,39 +283,21 @@ OSStatus DuplexStreams::connect(const std::string& group)
     pw_stream_add_listener(tap, &tapListener, &tapEvents(), this);
 
     if (outputDevice) {
-        pw_properties* outputProps = pw_properties_new(
-            PW_KEY_MEDIA_TYPE, "Audio", PW_KEY_MEDIA_CATEGORY, "Playback", PW_KEY_MEDIA_CLASS,
-            "Stream/Output/Audio", PW_KEY_NODE_NAME, outputNodeName, PW_KEY_NODE_DESCRIPTION, outputName,
-            PW_KEY_MEDIA_NAME, outputName, PW_KEY_NODE_PASSIVE, "true", PW_KEY_NODE_GROUP, group.c_str(),
-            PW_KEY_NODE_LINK_GROUP, group.c_str(), PW_KEY_TARGET_OBJECT, outputDevice->c_str(),
-            PW_KEY_AUDIO_CHANNELS, "2", SPA_KEY_AUDIO_POSITION, "[ FL FR ]", "resample.prefill", "true", nullptr);
-        output = pw_stream_new(graph.core(), outputName, outputProps);
-        if (!output)
-            return kAudioHardwareUnspecifiedError;
-        pw_stream_add_listener(output, &outputListener, &outputEvents(), this);
+        if (OSStatus status = connectFilter(group))
+            return status;
     }
     setRealtimeStreams(true);
-    if (output) {
-        // The output first: it is triggered by the tap, so it must exist
-        // before the tap's first cycle.
-        int res = pw_stream_connect(output, PW_DIRECTION_OUTPUT, PW_ID_ANY,
-                                    static_cast<pw_stream_flags>(PW_STREAM_FLAG_AUTOCONNECT | PW_STREAM_FLAG_MAP_BUFFERS
-                                                                 | PW_STREAM_FLAG_RT_PROCESS | PW_STREAM_FLAG_TRIGGER),
-                                    params, 1);
-        if (res < 0)
-            return kAudioHardwareUnspecifiedError;
-    }
-    int res = pw_stream_connect(tap, PW_DIRECTION_INPUT, PW_ID_ANY,
-                                static_cast<pw_stream_flags>(PW_STREAM_FLAG_MAP_BUFFERS | PW_STREAM_FLAG_RT_PROCESS),
-                                params, 1);
-    if (res < 0)
+    auto tapFlags = PW_STREAM_FLAG_MAP_BUFFERS | PW_STREAM_FLAG_RT_PROCESS;
+    if (outputDevice)
+        tapFlags = PW_STREAM_FLAG_MAP_BUFFERS | PW_STREAM_FLAG_INACTIVE;
+    if (pw_stream_connect(tap, PW_DIRECTION_INPUT, PW_ID_ANY, static_cast<pw_stream_flags>(tapFlags), params, 1) < 0)
         return kAudioHardwareUnspecifiedError;
 
-    // Wait until the daemon has made both nodes (a refused client's
-    // streams never get there).
+    // Wait until the daemon has made the nodes (a refused client's never
+    // get there).
     timespec deadline = graph.setupDeadline();
     while (!ready()) {
-        if (tapState == PW_STREAM_STATE_ERROR || outputState == PW_STREAM_STATE_ERROR || graph.disconnected()
+        if (tapState == PW_STREAM_STATE_ERROR || filterState == PW_FILTER_STATE_ERROR || graph.disconnected()
             || graph.refused())
             break;
         if (pw_thread_loop_timed_wait_full(graph.loop(), &deadline) != 0)
@@ -298,25 +307,103 @@ OSStatus DuplexStreams::connect(const std::string& group)
         EQLog::trace("PipeWire streams did not start" + (streamError.empty() ? std::string() : ": " + streamError));
         return graph.refused() ? kAudioHardwarePermissionDenied : kAudioHardwareNotRunningError;
     }
+    followLinks();
     return kAudioHardwareNoError;
+}
+
+// The filter's outputs go to the output device's playback ports of the same
+// channel; a device without front left and right gets them on its first two
+// playback ports in order (a single port gets both). The inputs take every
+// port linked to the tap, on the tap port's channel (the session manager has
+// already mapped the program's channels onto the tap's).
+std::vector<LinkKeeper::Wanted> DuplexStreams::wantedLinks() const
+{
+    std::vector<LinkKeeper::Wanted> wanted;
+    uint32_t filterNode = outputNodeID();
+    uint32_t tapNode = tapNodeID();
+    if (!filter || filterNode == SPA_ID_INVALID || tapNode == SPA_ID_INVALID)
+        return wanted;
+    uint32_t ours[2][2] = { { 0, 0 }, { 0, 0 } }; // [input?][channel]
+    for (auto& [id, port] : graph.ports()) {
+        if (port.node != filterNode)
+            continue;
+        for (int c = 0; c < 2; ++c) {
+            if (port.channel == channelNames[c])
+                ours[port.input ? 1 : 0][c] = id;
+        }
+    }
+
+    // While the device is away the output plays on the default device, as
+    // a stream whose target is missing would.
+    auto sinkNamed = [&](const std::string& name) -> const PipeWireGraph::Node* {
+        for (auto& [id, n] : graph.nodes()) {
+            if (n->property(PW_KEY_MEDIA_CLASS) == "Audio/Sink" && n->property(PW_KEY_NODE_NAME) == name)
+                return n.get();
+        }
+        return nullptr;
+    };
+    const PipeWireGraph::Node* device = sinkNamed(*outputDevice);
+    if (!device) {
+        if (auto fallback = graph.defaultSinkName())
+            device = sinkNamed(*fallback);
+    }
+    if (device) {
+        std::vector<const PipeWireGraph::Port*> playback;
+        for (auto& [id, port] : graph.ports()) {
+            if (port.node == device->id && port.input && !port.monitor)
+                playback.push_back(&port);
+        }
+        for (int c = 0; c < 2; ++c) {
+            if (!ours[0][c] || playback.empty())
+                continue;
+            const PipeWireGraph::Port* target = nullptr;
+            for (const PipeWireGraph::Port* port : playback) {
+                if (port->channel == channelNames[c])
+                    target = port;
+            }
+            if (!target) {
+                bool positioned = false;
+                for (const PipeWireGraph::Port* port : playback)
+                    positioned = positioned || port->channel == channelNames[0] || port->channel == channelNames[1];
+                if (!positioned)
+                    target = playback[std::min<size_t>(c, playback.size() - 1)];
+            }
+            if (target)
+                wanted.push_back({ filterNode, ours[0][c], device->id, target->id, true });
+        }
+    }
+
+    for (auto& [id, link] : graph.links()) {
+        if (link.inputNode != tapNode)
+            continue;
+        const PipeWireGraph::Port* tapPort = graph.port(link.inputPort);
+        if (!tapPort)
+            continue;
+        for (int c = 0; c < 2; ++c) {
+            if (tapPort->channel == channelNames[c] && ours[1][c])
+                wanted.push_back({ link.outputNode, link.outputPort, filterNode, ours[1][c], false });
+        }
+    }
+    return wanted;
+}
+
+void DuplexStreams::followLinks()
+{
+    if (filter)
+        links.keep(wantedLinks());
 }
 
 // --- Real-time thread ----------------------------------------------------------------
 
-// The tap's cycle triggers the output's, which then takes both buffers;
-// without an output the tap's cycle is the capture.
-void DuplexStreams::tapProcess(void* self) noexcept
-{
-    auto* streams = static_cast<DuplexStreams*>(self);
-    if (!streams->rtAlive)
-        return;
-    if (streams->rtOutput)
-        pw_stream_trigger_process(streams->rtOutput);
-    else
-        streams->captureCycle();
-}
+void DuplexStreams::tapProcess(void* self) noexcept { static_cast<DuplexStreams*>(self)->captureCycle(); }
 
-void DuplexStreams::outputProcess(void* self) noexcept { static_cast<DuplexStreams*>(self)->duplexCycle(); }
+void DuplexStreams::filterProcess(void* self, spa_io_position* position) noexcept
+{
+    // The ports live as long as the filter: even while it is being taken
+    // down its cycle writes silence rather than leave a stale block.
+    if (position)
+        static_cast<DuplexStreams*>(self)->filterCycle(static_cast<uint32_t>(position->clock.duration));
+}
 
 void DuplexStreams::noteQuantum() noexcept
 {
@@ -324,54 +411,42 @@ void DuplexStreams::noteQuantum() noexcept
         cycleFrames.store(static_cast<uint32_t>(rtPosition->clock.duration), std::memory_order_relaxed);
 }
 
-// The tap and the output of one graph cycle, both planar: the tap's two
-// channel blocks are the input list, the output stream's two (same size) the
-// output list.
-void DuplexStreams::duplexCycle() noexcept
+// One graph cycle of the filter: the mix of each input port is the input
+// list, the output ports' blocks the output list (same size, planar).
+void DuplexStreams::filterCycle(uint32_t frames) noexcept
 {
-    if (!rtAlive)
+    cycleFrames.store(frames, std::memory_order_relaxed);
+    if (frames == 0)
         return;
-    noteQuantum();
-    pw_buffer* in = pw_stream_dequeue_buffer(rtTap);
-    pw_buffer* out = pw_stream_dequeue_buffer(rtOutput);
-    if (!out) {
-        if (in)
-            pw_stream_queue_buffer(rtTap, in);
-        return;
-    }
-    spa_buffer& ob = *out->buffer;
-    uint32_t capacity = 0;
-    if (ob.n_datas >= 2 && ob.datas[0].data && ob.datas[1].data)
-        capacity = std::min(ob.datas[0].maxsize, ob.datas[1].maxsize) / bytesPerSample;
-    std::optional<FilledPlanar> input = filledPlanar(in);
-    uint32_t frames = input ? input->frames
-                            : (out->requested ? static_cast<uint32_t>(out->requested)
-                                              : cycleFrames.load(std::memory_order_relaxed));
-    frames = std::min(frames, capacity);
-    if (frames > 0) {
-        if (rtRunning && rtProc && input) {
-            // Input and output have the same size and layout, so the
-            // procedure writes every sample of the output.
-            for (uint32_t c = 0; c < 2; ++c) {
-                inPlanar[c] = { 1, frames * bytesPerSample, input->channels[c] };
-                outPlanar[c] = { 1, frames * bytesPerSample, ob.datas[c].data };
-            }
-            AudioTimeStamp now { hostTicks(), rtSampleTime, takeResumed() ? kAudioTimeStampResumed : 0u };
-            rtProc(rtContext, &now, &inPlanarList, &now, &outPlanarList, &now);
-        } else {
-            std::memset(ob.datas[0].data, 0, frames * bytesPerSample);
-            std::memset(ob.datas[1].data, 0, frames * bytesPerSample);
+    const uint32_t bytes = frames * bytesPerSample;
+    void* out[2] = { pw_filter_get_dsp_buffer(filterPorts[2], frames),
+                     pw_filter_get_dsp_buffer(filterPorts[3], frames) };
+    if (!out[0] || !out[1]) {
+        // One side only is no stereo block: silence on what there is.
+        for (void* block : out) {
+            if (block)
+                std::memset(block, 0, bytes);
         }
-        rtSampleTime += frames;
+        return;
     }
-    for (uint32_t c = 0; c < ob.n_datas; ++c) {
-        ob.datas[c].chunk->offset = 0;
-        ob.datas[c].chunk->size = c < 2 ? frames * bytesPerSample : 0;
-        ob.datas[c].chunk->stride = static_cast<int32_t>(bytesPerSample);
+    if (rtAlive && rtRunning && rtProc) {
+        for (uint32_t c = 0; c < 2; ++c) {
+            void* in = pw_filter_get_dsp_buffer(filterPorts[c], frames);
+            if (!in) {
+                // No block on this input: silence, processed in place.
+                std::memset(out[c], 0, bytes);
+                in = out[c];
+            }
+            inPlanar[c] = { 1, bytes, in };
+            outPlanar[c] = { 1, bytes, out[c] };
+        }
+        AudioTimeStamp now { hostTicks(), rtSampleTime, takeResumed() ? kAudioTimeStampResumed : 0u };
+        rtProc(rtContext, &now, &inPlanarList, &now, &outPlanarList, &now);
+    } else {
+        std::memset(out[0], 0, bytes);
+        std::memset(out[1], 0, bytes);
     }
-    if (in)
-        pw_stream_queue_buffer(rtTap, in);
-    pw_stream_queue_buffer(rtOutput, out);
+    rtSampleTime += frames;
 }
 
 // Capture without an output device: the procedure gets the tap's mix and

@@ -161,12 +161,14 @@ struct PipeWireAudioHardware::Data final : DuplexStreams::Observer {
         return ids;
     }
 
-    // Something in the mirror changed: route what appeared, tell listeners.
+    // Something in the mirror changed: route what appeared, link what the
+    // session manager linked to a tap, tell listeners.
     void graphChanged()
     {
         for (auto& [id, aggregate] : aggregates) {
             if (aggregate->routes.active)
                 route(*aggregate);
+            aggregate->streams->followLinks();
         }
         notifyListeners();
     }
@@ -182,8 +184,10 @@ struct PipeWireAudioHardware::Data final : DuplexStreams::Observer {
 
     void route(Aggregate& aggregate)
     {
+        // A program sent to the tap before the session manager has set it up
+        // would stay where it plays.
         auto tap = taps.find(aggregate.tapID);
-        if (tap != taps.end())
+        if (tap != taps.end() && aggregate.streams->tapHasPorts())
             router.routePass(aggregate.routes, selectionOf(tap->second.description), aggregate.streams->tapNodeID());
     }
 

@@ -6,9 +6,11 @@
 // re-routing: while an aggregate built on it runs, every selected program's
 // output stream is pointed (its "target.object" in the "default" metadata) at
 // the capture stream "SORVA System Tap", which silences it at the speakers.
-// An aggregate with an output device adds the playback stream "SORVA Output",
-// processed in the same graph cycle as the tap (the tap's process callback
-// triggers it), so that the path adds no latency. Every move is written to a
+// An aggregate with an output device makes that tap inactive and adds the
+// filter node "SORVA Output": the backend links the ports the session manager
+// linked to the tap into the filter's inputs, and the filter's outputs into
+// the output device (or, while it is away, the default device), so the path
+// is one node in the graph cycle and adds no latency. Every move is written to a
 // RoutingJournal first; stopping undoes the moves, and the next tap creation
 // undoes what a crash left behind.
 //

@@ -120,11 +120,48 @@ TEST_F(PipeWireEngine, LeavesOtherFiltersAndStreamsTheUserMovedWhereTheyPlay)
     EXPECT_FALSE(graph.linked("test_loopback_out", "sorva_system_tap"));
     EXPECT_FALSE(graph.metadata(*graph.nodeID("test_loopback_out"), "target.object"));
     EXPECT_FALSE(graph.linked("sorva_test_player", "sorva_system_tap")) << "not routed back";
+    EXPECT_FALSE(graph.linked("sorva_test_player", "sorva_output")) << "heard twice: directly and equalized";
 
     ASSERT_TRUE(host.stop());
     ASSERT_TRUE(graph.waitGraphFrames(14400));
     EXPECT_EQ(graph.metadata(player, "target.object"), serial);
     EXPECT_TRUE(graph.linked("sorva_test_player", "speakers-2"));
+}
+
+// Devices whose playback ports are not front left and right (a mono speaker,
+// an interface that numbers its channels) still get the equalized sound, and
+// only that.
+TEST_F(PipeWireEngine, PlaysOnDevicesWithoutFrontLeftAndRightChannels)
+{
+    const auto signal = tone(48000, 1000.0, 0.25f);
+    for (std::string layout : { "MONO", "AUX0 AUX1" }) {
+        SCOPED_TRACE(layout);
+        const std::string name = layout == "MONO" ? "mono-speaker" : "numbered-speakers";
+        const std::string create = "pw-cli create-node adapter '{ factory.name=support.null-audio-sink node.name="
+            + name + " media.class=Audio/Sink audio.position=[ " + layout + " ] object.linger=true }' >/dev/null";
+        ASSERT_EQ(std::system(create.c_str()), 0);
+        ASSERT_TRUE(TestGraph::waitFor([&] { return graph.nodeID(name).has_value(); }));
+        graph.setDefaultSink(name);
+        ASSERT_TRUE(TestGraph::waitFor([&] {
+            return graph.metadata(0, "default.audio.sink").value_or("").find(name) != std::string::npos;
+        }));
+        EngineHost host({ "--gains", "0,0,0,0,0" });
+        ASSERT_TRUE(host.started());
+        graph.startRecorder(name, 48000 * 3);
+        graph.startPlayer(signal);
+        ASSERT_TRUE(TestGraph::waitFor([&] {
+            return graph.linked("sorva_test_player", "sorva_system_tap") && graph.linked("sorva_output", name);
+        }));
+        EXPECT_FALSE(graph.linked("sorva_test_player", name));
+        ASSERT_TRUE(graph.waitGraphFrames(14400));
+        // A mono speaker gets left and right summed: up to twice the level.
+        double level = levelDB(playAndRecord(graph), signal);
+        EXPECT_GT(level, -1.0);
+        EXPECT_LT(level, 6.5);
+        EXPECT_TRUE(host.stop());
+        graph.stopPlayer();
+        graph.stopRecorder();
+    }
 }
 
 TEST_F(PipeWireEngine, RebuildsOnTheNewDefaultDeviceAndOnARateChange)
