@@ -9,6 +9,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <set>
 
 namespace sorva {
 
@@ -42,6 +43,29 @@ bool isUp(pw_filter_state state)
 }
 
 constexpr const char* channelNames[2] = { "FL", "FR" };
+
+// Which of the filter's inputs (bit 0 left, bit 1 right) a program's channel
+// goes to. The input ports mix what they are given at unity: a mono program
+// plays on both sides, a centre channel on both, the surrounds on their side;
+// the bass channel is left out, as a stereo downmix does. Numbered channels
+// alternate left and right; unknown ones go to both.
+unsigned sidesOf(const std::string& channel)
+{
+    static const std::set<std::string> left { "FL", "SL", "RL", "FLC", "FLW", "RLC", "TFL", "TSL", "TRL" };
+    static const std::set<std::string> right { "FR", "SR", "RR", "FRC", "FRW", "RRC", "TFR", "TSR", "TRR" };
+    if (left.count(channel))
+        return 1;
+    if (right.count(channel))
+        return 2;
+    if (channel == "LFE" || channel == "LFE2")
+        return 0;
+    if (channel.size() > 3 && channel.compare(0, 3, "AUX") == 0) {
+        auto number = PipeWireGraph::parseInteger(channel.substr(3));
+        if (number && *number >= 0)
+            return *number % 2 ? 2 : 1;
+    }
+    return 3;
+}
 
 } // namespace
 
@@ -276,7 +300,8 @@ OSStatus DuplexStreams::connect(const std::string& group)
         PW_KEY_MEDIA_TYPE, "Audio", PW_KEY_MEDIA_CATEGORY, "Capture", PW_KEY_MEDIA_CLASS, "Stream/Input/Audio",
         PW_KEY_NODE_NAME, tapNodeName, PW_KEY_NODE_DESCRIPTION, tapName, PW_KEY_MEDIA_NAME, tapName,
         PW_KEY_NODE_AUTOCONNECT, "false", PW_KEY_NODE_GROUP, group.c_str(), PW_KEY_NODE_LINK_GROUP, group.c_str(),
-        PW_KEY_AUDIO_CHANNELS, "2", SPA_KEY_AUDIO_POSITION, "[ FL FR ]", "resample.prefill", "true", nullptr);
+        PW_KEY_AUDIO_CHANNELS, "2", SPA_KEY_AUDIO_POSITION, "[ FL FR ]", PW_KEY_STREAM_DONT_REMIX, "true",
+        "resample.prefill", "true", nullptr);
     tap = pw_stream_new(graph.core(), tapName, tapProps);
     if (!tap)
         return kAudioHardwareUnspecifiedError;
@@ -313,11 +338,13 @@ OSStatus DuplexStreams::connect(const std::string& group)
 
 // The filter's outputs go to the output device's playback ports of the same
 // channel; a device without front left and right gets them on its first two
-// playback ports in order (a single port gets both). The inputs take every
-// port linked to the tap, on the tap port's channel (the session manager has
-// already mapped the program's channels onto the tap's).
-std::vector<LinkKeeper::Wanted> DuplexStreams::wantedLinks() const
+// playback ports in order, a device with one port their mean. The inputs take
+// the programs linked to the tap, by the channels of the programs' own ports
+// (the session manager sets those to the layout of the device the program
+// first played on, and links only the ones that match the tap's).
+std::vector<LinkKeeper::Wanted> DuplexStreams::wantedLinks(bool& downmix) const
 {
+    downmix = false;
     std::vector<LinkKeeper::Wanted> wanted;
     uint32_t filterNode = outputNodeID();
     uint32_t tapNode = tapNodeID();
@@ -353,35 +380,45 @@ std::vector<LinkKeeper::Wanted> DuplexStreams::wantedLinks() const
             if (port.node == device->id && port.input && !port.monitor)
                 playback.push_back(&port);
         }
-        for (int c = 0; c < 2; ++c) {
-            if (!ours[0][c] || playback.empty())
-                continue;
-            const PipeWireGraph::Port* target = nullptr;
-            for (const PipeWireGraph::Port* port : playback) {
-                if (port->channel == channelNames[c])
-                    target = port;
+        if (playback.size() == 1) {
+            // A single playback port (a mono speaker) takes both outputs;
+            // the cycle leaves the mean of left and right on the left one
+            // and silence on the right, which the port adds up.
+            downmix = true;
+            for (int c = 0; c < 2; ++c) {
+                if (ours[0][c])
+                    wanted.push_back({ filterNode, ours[0][c], device->id, playback[0]->id, true });
             }
-            if (!target) {
-                bool positioned = false;
-                for (const PipeWireGraph::Port* port : playback)
-                    positioned = positioned || port->channel == channelNames[0] || port->channel == channelNames[1];
-                if (!positioned)
-                    target = playback[std::min<size_t>(c, playback.size() - 1)];
+        } else if (playback.size() > 1) {
+            bool positioned = false;
+            for (const PipeWireGraph::Port* port : playback)
+                positioned = positioned || port->channel == channelNames[0] || port->channel == channelNames[1];
+            for (int c = 0; c < 2; ++c) {
+                const PipeWireGraph::Port* target = positioned ? nullptr : playback[c];
+                for (const PipeWireGraph::Port* port : playback) {
+                    if (positioned && port->channel == channelNames[c])
+                        target = port;
+                }
+                if (ours[0][c] && target)
+                    wanted.push_back({ filterNode, ours[0][c], device->id, target->id, true });
             }
-            if (target)
-                wanted.push_back({ filterNode, ours[0][c], device->id, target->id, true });
         }
     }
 
+    // Every output port of a program linked to the tap, whichever of its
+    // ports the session manager matched with the tap's.
+    std::set<uint32_t> sources;
     for (auto& [id, link] : graph.links()) {
-        if (link.inputNode != tapNode)
+        if (link.inputNode == tapNode)
+            sources.insert(link.outputNode);
+    }
+    for (auto& [id, port] : graph.ports()) {
+        if (!sources.count(port.node) || port.input || port.monitor)
             continue;
-        const PipeWireGraph::Port* tapPort = graph.port(link.inputPort);
-        if (!tapPort)
-            continue;
+        unsigned sides = sidesOf(port.channel);
         for (int c = 0; c < 2; ++c) {
-            if (tapPort->channel == channelNames[c] && ours[1][c])
-                wanted.push_back({ link.outputNode, link.outputPort, filterNode, ours[1][c], false });
+            if ((sides & (1u << c)) && ours[1][c])
+                wanted.push_back({ port.node, id, filterNode, ours[1][c], false });
         }
     }
     return wanted;
@@ -389,8 +426,11 @@ std::vector<LinkKeeper::Wanted> DuplexStreams::wantedLinks() const
 
 void DuplexStreams::followLinks()
 {
-    if (filter)
-        links.keep(wantedLinks());
+    if (!filter)
+        return;
+    bool mono = false;
+    links.keep(wantedLinks(mono));
+    downmix.store(mono, std::memory_order_relaxed);
 }
 
 // --- Real-time thread ----------------------------------------------------------------
@@ -442,6 +482,14 @@ void DuplexStreams::filterCycle(uint32_t frames) noexcept
         }
         AudioTimeStamp now { hostTicks(), rtSampleTime, takeResumed() ? kAudioTimeStampResumed : 0u };
         rtProc(rtContext, &now, &inPlanarList, &now, &outPlanarList, &now);
+        if (downmix.load(std::memory_order_relaxed)) {
+            auto* left = static_cast<float*>(out[0]);
+            auto* right = static_cast<float*>(out[1]);
+            for (uint32_t i = 0; i < frames; ++i) {
+                left[i] = 0.5f * (left[i] + right[i]);
+                right[i] = 0.0f;
+            }
+        }
     } else {
         std::memset(out[0], 0, bytes);
         std::memset(out[1], 0, bytes);

@@ -109,7 +109,8 @@ private:
     // Publishes (or withdraws) the nodes to the process callbacks.
     void setRealtimeStreams(bool alive);
     bool ready() const;
-    std::vector<LinkKeeper::Wanted> wantedLinks() const;
+    // downmix: set when the device takes one channel only.
+    std::vector<LinkKeeper::Wanted> wantedLinks(bool& downmix) const;
 
     // Real-time thread.
     SORVA_HOT void noteQuantum() noexcept;
@@ -162,6 +163,10 @@ private:
     std::atomic<bool> resumed { false };
     std::atomic<uint32_t> rate { 0 };
     std::atomic<uint32_t> cycleFrames { 0 };
+    // The output device has one playback port, which both outputs feed: the
+    // cycle leaves the mean of left and right on the left output and
+    // silence on the right.
+    std::atomic<bool> downmix { false };
 };
 
 } // namespace sorva
