@@ -32,14 +32,6 @@ void LinkKeeper::clear()
     made.clear();
 }
 
-size_t LinkKeeper::standing() const
-{
-    size_t count = 0;
-    for (auto& [key, link] : made)
-        count += link->proxy && !link->gone;
-    return count;
-}
-
 void LinkKeeper::keep(const std::vector<Wanted>& wanted)
 {
     std::set<Key> keys;
@@ -72,14 +64,11 @@ void LinkKeeper::keep(const std::vector<Wanted>& wanted)
             pw_core_create_object(graph.core(), "link-factory", PW_TYPE_INTERFACE_Link, PW_VERSION_LINK, &props, 0));
         if (!link->proxy) {
             EQLog::trace("PipeWire link " + outputPort + " -> " + inputPort + " could not be made");
-            link->gone = true;
         } else {
             static const pw_proxy_events events = [] {
                 pw_proxy_events e {};
                 e.version = PW_VERSION_PROXY_EVENTS;
-                e.removed = [](void* d) { static_cast<Made*>(d)->gone = true; };
-                e.error = [](void* d, int, int res, const char* message) {
-                    static_cast<Made*>(d)->gone = true;
+                e.error = [](void*, int, int res, const char* message) {
                     EQLog::trace(std::string("PipeWire refused a link: ") + (message ? message : spa_strerror(res)));
                 };
                 return e;

@@ -45,14 +45,10 @@ public:
     // Destroys every link made.
     void clear();
 
-    // The links made and still standing (refused or removed ones excluded).
-    size_t standing() const;
-
 private:
     struct Made {
         pw_proxy* proxy = nullptr;
         spa_hook listener {};
-        bool gone = false;
     };
     // Ports are unique in the graph: the two ports name a link.
     using Key = std::pair<uint32_t, uint32_t>;
