@@ -360,20 +360,7 @@ std::vector<LinkKeeper::Wanted> DuplexStreams::wantedLinks(bool& downmix) const
         }
     }
 
-    // While the device is away the output plays on the default device, as
-    // a stream whose target is missing would.
-    auto sinkNamed = [&](const std::string& name) -> const PipeWireGraph::Node* {
-        for (auto& [id, n] : graph.nodes()) {
-            if (n->property(PW_KEY_MEDIA_CLASS) == "Audio/Sink" && n->property(PW_KEY_NODE_NAME) == name)
-                return n.get();
-        }
-        return nullptr;
-    };
-    const PipeWireGraph::Node* device = sinkNamed(*outputDevice);
-    if (!device) {
-        if (auto fallback = graph.defaultSinkName())
-            device = sinkNamed(*fallback);
-    }
+    const PipeWireGraph::Node* device = observer.playbackDevice(*outputDevice);
     if (device) {
         std::vector<const PipeWireGraph::Port*> playback;
         for (auto& [id, port] : graph.ports()) {

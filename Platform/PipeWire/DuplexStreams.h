@@ -57,6 +57,10 @@ public:
         virtual void tapStateChanged() = 0;
         // The nodes settled on a sample rate.
         virtual void rateNegotiated(const DuplexStreams& streams, uint32_t rate) = 0;
+        // The device node the output is to play on now: the one named uid,
+        // or where that one is away the default device; none when neither
+        // is there.
+        virtual const PipeWireGraph::Node* playbackDevice(const std::string& uid) const = 0;
 
     protected:
         ~Observer() = default;

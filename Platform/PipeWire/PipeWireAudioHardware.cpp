@@ -182,6 +182,16 @@ struct PipeWireAudioHardware::Data final : DuplexStreams::Observer {
         notifyListeners();
     }
 
+    // While its device is away an output plays on the default device, as a
+    // stream whose target is missing would.
+    const Node* playbackDevice(const std::string& uid) const override
+    {
+        if (const Node* n = deviceNodeByUID(uid))
+            return n;
+        auto fallback = graph.defaultSinkName();
+        return fallback ? deviceNodeByUID(*fallback) : nullptr;
+    }
+
     void route(Aggregate& aggregate)
     {
         // A program sent to the tap before the session manager has set it up
